@@ -1,0 +1,100 @@
+#include "sandbox.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace {
+
+int ready;
+char reason[256] = "sandbox_enter was not called";
+char logd_path[64];
+
+int fail(const char *what) {
+  std::snprintf(reason, sizeof reason, "%s: %s", what, std::strerror(errno));
+  return -1;
+}
+
+// Binds source onto a fresh empty file at target.
+int bind_file(const char *source, const char *target) {
+  int t = open(target, O_CREAT | O_WRONLY, 0666);
+  if (t < 0) return fail(target);
+  close(t);
+  if (mount(source, target, nullptr, MS_BIND, nullptr) != 0) return fail(target);
+  return 0;
+}
+
+int run(const std::string &cmd) {
+  int rc = std::system((cmd + " >/dev/null 2>&1").c_str());
+  return rc == 0 ? 0 : -1;
+}
+
+}  // namespace
+
+int sandbox_enter(void) {
+  if (ready) return 0;
+  // The daemon binary may live under /tmp, which is about to be hidden:
+  // hold it open and start it through /proc/self/fd.
+  int logd = open(MOX_LOGD_BINARY, O_RDONLY | O_CLOEXEC);
+  if (logd >= 0) std::snprintf(logd_path, sizeof logd_path, "/proc/self/fd/%d", logd);
+
+  if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) return fail("unshare(CLONE_NEWNS|CLONE_NEWNET)");
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return fail("make / private");
+  // The devices are staged on a scratch tmpfs, since the host's /dev is
+  // about to be hidden, then bound into the private /dev.
+  const char *devices[] = {"null", "zero", "urandom"};
+  if (mount("none", "/tmp", "tmpfs", 0, "mode=1777") != 0) return fail("tmpfs on /tmp");
+  char staged[64], real[64];
+  for (const char *d : devices) {
+    std::snprintf(staged, sizeof staged, "/tmp/%s", d);
+    std::snprintf(real, sizeof real, "/dev/%s", d);
+    if (bind_file(real, staged) != 0) return -1;
+  }
+  if (mount("none", "/dev", "tmpfs", 0, "mode=755") != 0) return fail("tmpfs on /dev");
+  for (const char *d : devices) {
+    std::snprintf(staged, sizeof staged, "/tmp/%s", d);
+    std::snprintf(real, sizeof real, "/dev/%s", d);
+    if (bind_file(staged, real) != 0) return -1;
+  }
+  if (umount2("/tmp", MNT_DETACH) != 0) return fail("umount scratch /tmp");
+  if (mount("none", "/tmp", "tmpfs", 0, "mode=1777") != 0) return fail("tmpfs on /tmp");
+  if (mount("none", "/media", "tmpfs", 0, "mode=755") != 0) return fail("tmpfs on /media");
+  if (run("ip link set lo up") != 0) {
+    std::snprintf(reason, sizeof reason, "ip link set lo up failed (is iproute2 installed?)");
+    return -1;
+  }
+  ready = 1;
+  reason[0] = '\0';
+  return 0;
+}
+
+int sandbox_ready(void) { return ready; }
+
+const char *sandbox_reason(void) { return reason; }
+
+const char *sandbox_logd_path(void) { return logd_path[0] ? logd_path : MOX_LOGD_BINARY; }
+
+int sandbox_add_br0(const char *cidr) {
+  if (run("ip link show br0") != 0 && run("ip link add br0 type bridge") != 0) return -1;
+  if (run(std::string("ip addr add ") + cidr + " dev br0 nodad") != 0 &&
+      run(std::string("ip addr add ") + cidr + " dev br0") != 0)
+    return -1;
+  return run("ip link set br0 up");
+}
+
+int sandbox_del_br0(void) {
+  if (run("ip link show br0") != 0) return 0;
+  return run("ip link del br0");
+}
+
+int sandbox_wipe(const char *dir) {
+  return run(std::string("rm -rf '") + dir + "'");
+}
