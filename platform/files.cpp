@@ -1,0 +1,73 @@
+// Thin file calls, each fixing one convention its callers rely on. Their
+// failure results differ on purpose (1 for some, -1 for others).
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "platform/platform.h"
+
+// One read only: a short read is taken as the whole content.
+ssize_t read_file(const char *path, char *buf, size_t size) {
+  if (path == nullptr || buf == nullptr) return -1;
+  int fd = open(path, O_RDONLY);
+  if (fd < 0) return -1;
+  ssize_t got = read(fd, buf, size);
+  close(fd);
+  return got;
+}
+
+int read_file_into(const char *path, char *buf, ssize_t *size) {
+  if (path == nullptr || buf == nullptr || size == nullptr) return 1;
+  int fd = open(path, O_RDONLY);
+  if (fd < 0) return 1;
+  *size = read(fd, buf, static_cast<size_t>(*size));
+  close(fd);
+  return 0;
+}
+
+int write_file(const char *path, const char *data, size_t size) {
+  int fd = path != nullptr ? open(path, O_RDWR | O_CREAT | O_TRUNC, 0644) : -1;
+  if (fd < 0) {
+    printf("write file fail:%s.\n", strerror(path != nullptr ? errno : EINVAL));
+    return 1;
+  }
+  ssize_t written = write(fd, data, size);
+  (void)written;  // the callers' data is rewritten at the next change anyway
+  close(fd);
+  return 0;
+}
+
+int append_file(const char *path, const char *data, size_t size) {
+  if (path == nullptr) return -1;
+  FILE *file = fopen(path, "a+");
+  if (file == nullptr) return -1;
+  fseek(file, 0, SEEK_END);
+  fwrite(data, 1, size, file);
+  fclose(file);
+  return 0;
+}
+
+int remove_file(const char *path) {
+  if (path == nullptr) return -1;
+  return remove(path) == 0 ? 0 : -1;
+}
+
+int rename_file(const char *old_path, const char *new_path) {
+  if (old_path == nullptr || new_path == nullptr) return -1;
+  // A failed rename is not reported: callers treat the move as best effort.
+  rename(old_path, new_path);
+  return 0;
+}
+
+long get_file_size(const char *path) {
+  if (path == nullptr) return -1;
+  struct stat st;
+  if (stat(path, &st) != 0) return -1;
+  return static_cast<long>(st.st_size);
+}
+
+int file_exists(const char *path) { return path != nullptr && access(path, F_OK) == 0; }
