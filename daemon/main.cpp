@@ -1,0 +1,128 @@
+// mox_logd: start-up, the one select loop, and the stop. main only wires the
+// folders together; the work lives behind their headers.
+#include <errno.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "daemon/daemon.h"
+#include "logging/logging.h"
+#include "platform/platform.h"
+#include "shipping/shipping.h"
+#include "stats/stats.h"
+
+namespace {
+
+// A descriptor of 0 or below never enters the set: with one socket missing
+// the loop still runs its timeouts on the other.
+void watch(fd_set *set, int fd) {
+  if (fd > 0 && fd < FD_SETSIZE) FD_SET(fd, set);
+}
+
+int ready(const fd_set *set, int fd) { return fd > 0 && fd < FD_SETSIZE && FD_ISSET(fd, set); }
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  (void)argc;
+  (void)argv;
+
+  if (daemon(0, 0) == -1) DLOG_ERROR("daemon error ... %s\n", std::strerror(errno));
+
+  // Losing the lock only leaves the task unnamed; a second instance is
+  // turned away by the live sockets below.
+  if (lock_pid_file(LOCK_PATH) == 0)
+    set_process_name(PROCESS_NAME);
+  else
+    DLOG_DEBUG("mox_logd is running.");
+
+  // Zeroed once and never again: recvfrom gets RECV_MAX bytes, so the last
+  // byte stays 0 and every string search ends inside the buffer.
+  static char recv_buf[RECV_BUF_SIZE];
+  std::memset(recv_buf, 0, sizeof recv_buf);
+  struct sockaddr_storage peer_addr;
+  socklen_t peer_len = 0;  // the sender of a datagram is never wanted
+
+  signal(SIGTERM, logd_signal_handler);
+  signal(SIGHUP, logd_signal_handler);
+  signal(SIGUSR2, logd_signal_handler);
+
+  log_init(LOG_PATH, PROCESS_NAME, LOG_MASK_FILE);
+
+  RateLimitLogSender sender("", 0);
+
+  DLOG_INFO("logd loop start, pid=%d", getpid());
+
+  int attack_fd = init_unix_sock(ATTACK_SOCK_PATH);
+  int access_fd = init_unix_sock(ACCESS_SOCK_PATH);
+  if (attack_fd <= 0 || access_fd <= 0) DLOG_ERROR("Create socket failed!");
+  int max_fd_plus_one = (attack_fd > 0 ? attack_fd : 0);
+  if (access_fd > max_fd_plus_one) max_fd_plus_one = access_fd;
+  max_fd_plus_one += 1;
+
+  struct timeval wait_time;
+  wait_time.tv_usec = 0;
+  wait_time.tv_sec = sender.timeout_seconds();
+
+  load_day_stat();
+  load_hour_stat();
+  load_attack_count();
+
+  // Drawn now for the report cycle's first day; renewed by the cycle.
+  int report_hour = rand() % 3;
+  int report_minute = rand() % 59;
+  (void)report_hour;
+  (void)report_minute;
+
+  while (logd_running) {
+    fd_set read_set;
+    FD_ZERO(&read_set);
+    watch(&read_set, attack_fd);
+    watch(&read_set, access_fd);
+
+    if (reload_requested) {
+      sender.reload_config();
+      reload_requested = 0;
+    }
+    if (reset_requested) {
+      reset_attack_stats();
+      reset_requested = 0;
+    }
+
+    // Linux writes the time left back into wait_time, so the period runs on
+    // across datagrams and signals instead of starting over on each pass.
+    int n = select(max_fd_plus_one, &read_set, nullptr, nullptr, &wait_time);
+    if (n > 0) {
+      if (ready(&read_set, attack_fd)) {
+        int got = (int)recvfrom(attack_fd, recv_buf, RECV_MAX, 0,
+                                (struct sockaddr *)&peer_addr, &peer_len);
+        if (got < 0) DLOG_ERROR("mox_logd: recvfrom attack log error!");
+        log_handler(recv_buf, got);
+      }
+      if (ready(&read_set, access_fd)) {
+        if (sender.recv_access_log(access_fd) < 0)
+          DLOG_ERROR("mox_logd: recv access log error!");
+      }
+    } else if (n == 0) {
+      // The daily report cycle joins here, ahead of the flush, once the
+      // sender can deliver reports.
+      flush_stats(&day_stat().dirty, &hour_stat().dirty);
+      roll_day_stat();
+      roll_hour_stat();
+      sender.timeout_tick();
+      wait_time.tv_sec = sender.timeout_seconds();
+      wait_time.tv_usec = 0;
+    } else if (errno != EINTR) {
+      DLOG_ERROR("select failure: %s", std::strerror(errno));
+      break;
+    }
+  }
+
+  DLOG_INFO("logd loop stop, pid=%d", getpid());
+  close(attack_fd);
+  close(access_fd);
+  _exit(0);
+}
