@@ -8,6 +8,7 @@
 #include <time.h>
 
 #include <cstddef>
+#include <string>
 
 // Text sizes, worst case plus the terminator.
 #define IPV4_TEXT_SIZE 16            // "255.255.255.255"
@@ -250,3 +251,15 @@ const char *find_field_value(const char *text, const char *key);
 
 // 1 for the blank and the codes 9 to 13, 0 otherwise.
 int is_space_char(int c);
+
+// ---- endpoint parser ----------------------------------------------------------
+
+// Splits "[http|https://][a.b.c.d|[v6]][:][port]" (case-insensitive) into
+// scheme ("http" when missing), host ("0.0.0.0" when missing) and port
+// (empty when missing). 0 on a match; -1 the expression did not compile,
+// -2 no match, -3 other matcher error (outputs untouched on failure).
+int parse_endpoint(const char *text, std::string &scheme, std::string &host, std::string &port);
+
+// 0 if name is a supported syslog facility ("authpriv", "local0".."local7"),
+// -1 otherwise (printed).
+int check_syslog_facility(const char *name);
