@@ -17,6 +17,8 @@ namespace {
 int ready;
 char reason[256] = "sandbox_enter was not called";
 char logd_path[64];
+char conf_path[64];
+char logdecode_path[64];
 
 int fail(const char *what) {
   std::snprintf(reason, sizeof reason, "%s: %s", what, std::strerror(errno));
@@ -45,6 +47,11 @@ int sandbox_enter(void) {
   // hold it open and start it through /proc/self/fd.
   int logd = open(MOX_LOGD_BINARY, O_RDONLY | O_CLOEXEC);
   if (logd >= 0) std::snprintf(logd_path, sizeof logd_path, "/proc/self/fd/%d", logd);
+  int conf = open(MOX_CONF_BINARY, O_RDONLY | O_CLOEXEC);
+  if (conf >= 0) std::snprintf(conf_path, sizeof conf_path, "/proc/self/fd/%d", conf);
+  int logdecode = open(MOX_LOGDECODE_BINARY, O_RDONLY | O_CLOEXEC);
+  if (logdecode >= 0)
+    std::snprintf(logdecode_path, sizeof logdecode_path, "/proc/self/fd/%d", logdecode);
 
   if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) return fail("unshare(CLONE_NEWNS|CLONE_NEWNET)");
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return fail("make / private");
@@ -81,6 +88,12 @@ int sandbox_ready(void) { return ready; }
 const char *sandbox_reason(void) { return reason; }
 
 const char *sandbox_logd_path(void) { return logd_path[0] ? logd_path : MOX_LOGD_BINARY; }
+
+const char *sandbox_conf_path(void) { return conf_path[0] ? conf_path : MOX_CONF_BINARY; }
+
+const char *sandbox_logdecode_path(void) {
+  return logdecode_path[0] ? logdecode_path : MOX_LOGDECODE_BINARY;
+}
 
 int sandbox_add_br0(const char *cidr) {
   if (run("ip link show br0") != 0 && run("ip link add br0 type bridge") != 0) return -1;

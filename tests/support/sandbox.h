@@ -33,3 +33,9 @@ int sandbox_wipe(const char *dir);
 
 // Path through which the mox_logd binary can be executed inside the sandbox.
 const char *sandbox_logd_path(void);
+
+// Path through which the mox_conf binary can be executed inside the sandbox.
+const char *sandbox_conf_path(void);
+
+// Path through which the mox_logdecode binary can be executed inside the sandbox.
+const char *sandbox_logdecode_path(void);
