@@ -2,6 +2,7 @@
 // keeps the file small, and closing.
 #include "logging/logging.h"
 
+#include <pthread.h>
 #include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
@@ -18,9 +19,16 @@ LogSinkRecord LogSink = {NULL, NULL, 3, 0};
 // the size is checked each time.
 static int32_t trim_counter = 0;
 
+// The sender's worker thread logs too, and a trim closes and replaces the
+// stream under any other writer: one lock around each whole line and its
+// trim keeps a second thread off a stream that is being replaced. The level
+// test in the macros stays outside it.
+static pthread_mutex_t sink_lock = PTHREAD_MUTEX_INITIALIZER;
+
 void log_write(const char *label, const char *func, int line, const char *fmt, ...) {
   va_list args;
   va_start(args, fmt);
+  pthread_mutex_lock(&sink_lock);
 
   if (LogSink.mask & LOG_MASK_STDOUT) {
     va_list copy;
@@ -49,6 +57,7 @@ void log_write(const char *label, const char *func, int line, const char *fmt, .
     log_trim(&LogSink);
   }
 
+  pthread_mutex_unlock(&sink_lock);
   va_end(args);
 }
 

@@ -1,70 +1,293 @@
-// The sender: the way records leave the appliance. main builds one
-// RateLimitLogSender on its stack and keeps it for the whole run; every
-// member function below is called on the main loop's thread.
-//
-// Still to come with the shipping work: the collector settings from the
-// stored sections, the access record queue and its worker thread, the
-// attack report envelope and its transport. Until then the sender reads the
-// loop period, drains the access socket and reports every attack report as
-// not sent, so no finished day is ever taken for delivered.
+// Log shipping: the sender object, and the report envelope, sealing and
+// transport through which records leave the appliance; the collector side's
+// decoder lives here too, for mox_logdecode.
 #pragma once
 
+#include <pthread.h>
+#include <stddef.h>
 #include <stdint.h>
+#include <time.h>
 
 #define SENDER_HOST_SIZE 256          // host name of a collector
-#define ACCESS_RECORD_SIZE 4096       // one access datagram, NUL included
+#define ACCESS_RECORD_SIZE 2048       // one access record, NUL included
+#define ACCESS_QUEUE_SLOTS 128        // records waiting for the worker
+#define ACCESS_BLOCK_RECORDS 64       // most records sealed into one block
+#define ACCESS_BLOCK_BYTES 4096       // most record bytes in one block: even
+                                      // incompressible, its message stays
+                                      // below a receiver's usual 8 KiB limit
+#define SETTING_TEXT_SIZE 128         // one stored section as the sender reads it
 #define PERIOD_KEY "mox_logd_period"  // loop period key of the settings file
 #define PERIOD_DEFAULT 60             // seconds, also for values out of range
 #define PERIOD_MIN 1
 #define PERIOD_MAX 3600
+#define SEND_INTERVAL_DEFAULT 600     // access records per minute
 #define REPORT_HOUR_BASE_DEFAULT 0
 #define REPORT_HOUR_SPAN_DEFAULT 3
+#define RETRY_MIN_SECONDS 5           // first wait after a failed send
+#define RETRY_MAX_SECONDS 600         // longest wait between tries
 
+// The sender: the way records leave the appliance. main builds one on its
+// stack (it holds the access queue, so it is large) and keeps it for the
+// whole run; every member below is called on the main loop's thread, except
+// the worker, which ships access blocks.
+//
+// Settings come from the stored sections, read at construction and on
+// reload_config:
+//   logserver    "HOST:PORT [RATE]"  access collector, RATE records/minute (600)
+//   logatserver  "HOST:PORT"         attack report collector (logserver's when absent)
+//   randtime     "BASE SPAN"         report hour = BASE + draw % SPAN (0 3)
+// Without logserver nothing is shipped: access records are read and dropped
+// uncounted, and attack reports stay with the report cycle.
 class RateLimitLogSender {
  public:
-  // Reads the settings and logs "RateLimitLogSender init Done!". The two
-  // arguments (a name and flags, given as "" and 0 by main) are kept for
-  // callers that run a second sender; the daemon runs one.
+  // Reads the settings, starts the worker and logs "RateLimitLogSender init
+  // Done!". name and flags (given as "" and 0) are kept for the log.
   RateLimitLogSender(const char *name, int flags);
+
+  // Stops the worker. Reached only when an exception leaves main.
+  ~RateLimitLogSender();
 
   // Seconds of the main loop's wait: the settings file's "mox_logd_period",
   // 60 when absent or outside 1..3600. Always above 0.
   int timeout_seconds() const;
 
-  // Reads one datagram from the access socket without waiting. Bytes read,
-  // or below 0 on failure.
+  // Reads one datagram from the access socket without waiting and queues it
+  // for the worker; over the rate or with the queue full it is dropped and
+  // counted. Bytes read, or below 0 when nothing could be read.
   int recv_access_log(int fd);
 
-  // Rereads the settings. 0 on success; on failure -1, and the old settings
-  // stay in force.
+  // Rereads the settings. 0 on success; -1 when a stored value is broken or
+  // the store unreadable, and the old settings stay in force.
   int reload_config();
 
-  // Work done at each timeout of the main loop. Returns 0.
+  // Work at each timeout: logs the access records dropped since the last
+  // one, once. Returns 0.
   int timeout_tick();
 
   // Divisor and base of the daily report hour; the span is never 0.
   int report_hour_span() const;
   int report_hour_base() const;
 
-  // Sends one attack report fragment. 1 when it left the appliance, any
-  // other value when it must be offered again later.
+  // Sends one attack report fragment. 1 when it left the appliance; 0 when
+  // no collector is set or the last failure is too recent to try again; -1
+  // when the send failed. The caller keeps what was not sent.
   int send_attack_report(const char *fragment);
 
-  // Access datagrams read so far.
+  // Starts the worker thread that ships access blocks ("Create pthread
+  // error!" when it cannot). 0, or -1 (records are then dropped, counted).
+  int start_thread();
+
+  // Access records read, and dropped, since start.
   uint32_t access_received() const { return m_access_received; }
+  uint32_t access_dropped() const;
 
  private:
-  // Fills the settings from their sources; 0 on success, -1 leaves them.
-  int load_settings();
+  struct Settings {
+    char server_host[SENDER_HOST_SIZE];
+    int32_t server_port;
+    int32_t send_interval;
+    char attack_host[SENDER_HOST_SIZE];
+    int32_t attack_port;
+    int32_t hour_base;
+    int32_t hour_span;
+    int32_t timeout;
+  };
+
+  static void default_settings(Settings *s);
+  static int load_settings(Settings *s);
+  static void *worker_main(void *self);
+  void worker_loop();
+  int take_token();
+
+  void apply_settings(const Settings &s);
 
   char m_name[SENDER_HOST_SIZE];
+  int32_t m_flags;
+  // Settings: written on the main thread under m_lock, read by the worker
+  // under it.
   char m_server_host[SENDER_HOST_SIZE];
   int32_t m_server_port;
   int32_t m_send_interval;
-  int32_t m_timeout_seconds;
+  char m_attack_host[SENDER_HOST_SIZE];
+  int32_t m_attack_port;
   int32_t m_report_hour_base;
   int32_t m_report_hour_span;
-  int32_t m_flags;
-  uint32_t m_access_received;
+  int32_t m_timeout_seconds;
+
+  pthread_mutex_t m_lock;
+  pthread_cond_t m_wake;
+  pthread_t m_worker;
+  int32_t m_worker_running;
+  volatile int32_t m_stop;
+
+  // The access queue: fixed slots, filled by recv_access_log, emptied by the
+  // worker; nothing is allocated per record.
+  char m_queue[ACCESS_QUEUE_SLOTS][ACCESS_RECORD_SIZE];
+  uint16_t m_queue_len[ACCESS_QUEUE_SLOTS];
+  uint32_t m_queue_head;         // next slot to take
+  uint32_t m_queue_count;
   char m_access_buf[ACCESS_RECORD_SIZE];
+
+  // Pacing: a bucket of one minute's records, refilled continuously.
+  int64_t m_tokens_milli;
+  time_t m_tokens_at;
+
+  uint32_t m_access_received;
+  uint32_t m_dropped_full;
+  uint32_t m_dropped_rate;
+  uint32_t m_dropped_logged;
+
+  time_t m_attack_retry_at;
+  int32_t m_attack_backoff;
 };
+
+// ---- report envelope, sealing and transport ---------------------------------
+//
+// What leaves the appliance. An attack report (the device envelope around a
+// day slot's fragment) and an access block (records joined by newlines,
+// compressed) are each sealed for the collector: a fresh AES-256-GCM key and
+// nonce per message, the key wrapped with a compiled-in RSA public key
+// (OAEP, SHA-256), the whole in base64. The sealed text travels as one
+// syslog message, "<190>TIME HOST mox_logd: MOX1 A|L <base64>", octet
+// counted on a TCP connection that lives for one send. docs/wire-format.md
+// gives the byte layout for whoever writes a receiver.
+//
+// Diagnostic lines carry the name of the stage that notices the failure;
+// the device lines of the envelope are those of send_encrypted_attack_log.
+
+#define SHIP_KIND_ATTACK 'A'
+#define SHIP_KIND_ACCESS 'L'
+#define SHIP_MARKER "MOX1 "            // starts the payload of every message
+#define SHIP_WIRE_VERSION 1            // first byte of the sealed binary
+#define SHIP_APP_NAME "mox_logd"
+#define SHIP_PRIORITY "<190>"          // local7.info
+
+#define SHIP_DEVICE_NAME_SIZE 256      // gethostname result, NUL included
+#define SHIP_DEVICE_ID_SIZE 128        // serial or machine id, NUL included
+#define SHIP_FRAGMENT_SIZE 256         // a day slot's fragment, NUL included
+#define SHIP_ENVELOPE_SIZE 4096        // escaped device texts (6 bytes per byte at worst) + fragment
+#define SHIP_SERIAL_CMD "routerinfo 2>&1|grep serial |awk '{print $4}'"
+#define SHIP_MACHINE_ID_PATH "/etc/machine-id"
+#define SHIP_MAC_IFACE "br0"          // the LAN bridge
+
+#define SHIP_AES_KEY_SIZE 32
+#define SHIP_NONCE_SIZE 12
+#define SHIP_TAG_SIZE 16
+#define SHIP_WRAPPED_KEY_MAX 512       // RSA keys up to 4096 bits
+// version, kind, key length, wrapped key, nonce, uncompressed length
+#define SHIP_HEADER_MAX (1 + 1 + 2 + SHIP_WRAPPED_KEY_MAX + SHIP_NONCE_SIZE + 4)
+#define SHIP_SEALED_MAX(len) (SHIP_HEADER_MAX + (len) + SHIP_TAG_SIZE)
+#define SHIP_BASE64_SIZE(n) (((n) + 2) / 3 * 4 + 1)
+#define SHIP_PLAIN_MAX (64u << 20)     // largest block sealed or opened
+// "<count> " + priority + time + " " + host + " mox_logd: " + "MOX1 A "
+#define SHIP_FRAME_HEAD_SIZE 384
+#define SHIP_ATTACK_TEXT_SIZE SHIP_BASE64_SIZE(SHIP_SEALED_MAX(SHIP_ENVELOPE_SIZE))
+#define SHIP_ATTACK_FRAME_SIZE (SHIP_FRAME_HEAD_SIZE + SHIP_ATTACK_TEXT_SIZE)
+
+#define SHIP_CONNECT_TIMEOUT_MS 3000
+#define SHIP_SEND_TIMEOUT_SEC 3
+#define SHIP_SNDBUF_SIZE 65536
+#define SHIP_HOSTENT_BUF_SIZE 2048     // scratch of gethostbyname_r
+
+// The host name into out (size bytes, always terminated). 0, or -1 when
+// gethostname fails (out then "").
+int get_device_name(char *out, size_t size);
+
+// The device's identifier into out: the first line the serial command
+// prints, else the first line of /etc/machine-id (for a device without
+// routerinfo), else "". 0 when one was found, -1 when out stays "".
+int get_device_id(char *out, size_t size);
+
+// The compiled-in version tag "<version>-<YYYYMMDD>-<revision>".
+const char *get_firmware_version(void);
+
+// Writes text as the inside of a JSON string: '"', '\' and control bytes
+// escaped, other bytes as they are. The length written, or -1 when it does
+// not fit (out then "").
+int json_escape(const char *text, char *out, size_t size);
+
+// The attack report: the device envelope followed by the fragment, into out
+// (SHIP_ENVELOPE_SIZE is enough for any fragment below SHIP_FRAGMENT_SIZE).
+// A missing host name, identifier or br0 MAC leaves that value empty
+// ("gethostname failed.", "failed to get device mac address." logged): the
+// counts matter more than the label. The length, or -1 for a null or
+// oversized fragment (out then "").
+int build_attack_envelope(const char *fragment, char *out, size_t size);
+
+// Compresses len bytes with zlib into a new heap buffer *out of *out_len
+// bytes, which the caller frees. 0, or -1 ("No enough memory!",
+// "Compress failed!" logged; *out null).
+int compress_data(const unsigned char *data, size_t len, unsigned char **out, size_t *out_len);
+
+// Enciphers len bytes (a message key) for the PEM public key with RSA-OAEP,
+// SHA-256 for both digests. The bytes written to out, or -1 ("Failed to
+// create key BIO", "Failed to create RSA" or an OpenSSL failure logged).
+int public_encrypt(const char *pem, const unsigned char *data, size_t len, unsigned char *out,
+                   size_t out_size);
+
+// The compiled-in public key of the kind ('A' or 'L'); null for another.
+const char *ship_public_key(char kind);
+
+#define SEAL_BAD_ARGUMENT -1   // bad kind or key text, payload too large, out too small
+#define SEAL_NO_MEMORY -2
+#define SEAL_KEY_FAILED -3      // no random key, or the public key would not wrap it
+#define SEAL_CIPHER_FAILED -4
+
+// Seals len bytes as a message of the kind for the PEM public key and
+// writes its base64 text, terminated, into out. raw_len is recorded for an
+// access block (its length before compression) and ignored for a report.
+// out_size of SHIP_BASE64_SIZE(SHIP_SEALED_MAX(len)) is always enough. The
+// text's length, or one of the SEAL_ codes (out then "").
+int seal_message(char kind, const char *pem, const unsigned char *payload, size_t len,
+                 uint32_t raw_len, char *out, size_t out_size);
+
+// A short text for a SEAL_ code, for the caller's diagnostic line.
+const char *seal_error_text(int code);
+
+// One octet-counted syslog frame, "<count> <190>TIME HOST mox_logd: MOX1 K
+// TEXT", into out. TIME is local time with its offset in whole hours (a
+// +05:30 zone reads +05:00); HOST is the host name with blanks and control
+// bytes made "-" ("-" without one). The frame's length, or -1 when it does
+// not fit (out then "").
+int frame_syslog_message(char kind, const char *text, char *out, size_t out_size);
+
+// Prepares a block of access records (newline-separated) for sending:
+// compressed, sealed for the access key and framed, in a new heap text *out
+// that the caller frees and hands to send_to_syslog_server. The frame's
+// length, or -1 (logged; *out null), also for a block above SHIP_PLAIN_MAX.
+int build_encrypted_logs(const char *block, size_t len, char **out);
+
+// Opens a TCP connection to host:port (IPv4), sends message (one or more
+// whole frames) and closes. Connecting and each send wait at most 3 s.
+// 1 when every byte was handed to the kernel, -1 otherwise (logged).
+int send_to_syslog_server(const char *host, int port, const char *message);
+
+// Builds, seals (attack key), frames and sends one attack report. 1 on
+// success; -1 otherwise, and the caller keeps the fragment for later.
+int send_encrypted_attack_log(const char *host, int port, const char *fragment);
+
+// ---- collector side -----------------------------------------------------------
+
+#define OPEN_NO_MARKER -1   // no "MOX1 " in the text: not one of ours
+#define OPEN_MALFORMED -2   // kind, base64 or layout broken
+#define OPEN_NO_KEY -3      // none of the keys unwraps the message key
+#define OPEN_TAMPERED -4    // a key unwrapped it but the content fails its tag
+#define OPEN_BAD_BLOCK -5   // access block does not decompress to its length
+#define OPEN_NO_MEMORY -6
+
+// Reads a PEM private key file into a new heap text *pem (caller frees)
+// after checking that it loads. 0, or -1 (*pem null).
+int load_private_key_text(const char *path, char **pem);
+
+// Opens one message: text (len bytes, no terminator needed) is a syslog
+// line as a receiver stored it, a received message, or the bare payload;
+// the first "MOX1 " starts the payload, and only blanks may follow the
+// base64. Each of the key_count PEM private keys is tried in turn. 0 with
+// *kind ('A' or 'L') and a new heap buffer *plain of *plain_len bytes
+// (terminated one byte past, caller frees): the report's JSON or the
+// block's records. Below 0 on failure, one of the OPEN_ codes (*plain null).
+int open_sealed_message(const char *text, size_t len, const char *const *keys, int key_count,
+                        char *kind, unsigned char **plain, size_t *plain_len);
+
+// A short text for an OPEN_ code.
+const char *open_error_text(int code);

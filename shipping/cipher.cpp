@@ -1,0 +1,156 @@
+// Sealing a message for the collector: a one-time AES-256-GCM key and
+// nonce, the key wrapped with the collector's RSA public key. Only the
+// holder of the private key reads the content, and any change to a byte of
+// the message (its header included) fails the tag on the way in.
+#include <openssl/bio.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rand.h>
+#include <openssl/rsa.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "logging/logging.h"
+#include "ship_keys.h"
+#include "shipping/shipping.h"
+
+const char *ship_public_key(char kind) {
+  if (kind == SHIP_KIND_ATTACK) return SHIP_ATTACK_PUBKEY;
+  if (kind == SHIP_KIND_ACCESS) return SHIP_ACCESS_PUBKEY;
+  return NULL;
+}
+
+const char *seal_error_text(int code) {
+  switch (code) {
+    case SEAL_BAD_ARGUMENT: return "message too large or bad argument";
+    case SEAL_NO_MEMORY: return "out of memory";
+    case SEAL_KEY_FAILED: return "public key wrapping failed";
+    case SEAL_CIPHER_FAILED: return "AES-GCM failed";
+    default: return "unknown error";
+  }
+}
+
+int public_encrypt(const char *pem, const unsigned char *data, size_t len, unsigned char *out,
+                   size_t out_size) {
+  if (pem == NULL || data == NULL || out == NULL) return -1;
+  BIO *bio = BIO_new_mem_buf(pem, -1);
+  if (bio == NULL) {
+    DLOG_ERROR("Failed to create key BIO");
+    return -1;
+  }
+  EVP_PKEY *key = PEM_read_bio_PUBKEY(bio, NULL, NULL, NULL);
+  BIO_free(bio);
+  if (key == NULL || EVP_PKEY_get_base_id(key) != EVP_PKEY_RSA) {
+    DLOG_ERROR("Failed to create RSA");
+    EVP_PKEY_free(key);
+    ERR_clear_error();
+    return -1;
+  }
+
+  int result = -1;
+  size_t written = out_size;
+  EVP_PKEY_CTX *ctx = EVP_PKEY_CTX_new(key, NULL);
+  if (ctx != NULL && EVP_PKEY_encrypt_init(ctx) > 0 &&
+      EVP_PKEY_CTX_set_rsa_padding(ctx, RSA_PKCS1_OAEP_PADDING) > 0 &&
+      EVP_PKEY_CTX_set_rsa_oaep_md(ctx, EVP_sha256()) > 0 &&
+      EVP_PKEY_CTX_set_rsa_mgf1_md(ctx, EVP_sha256()) > 0 &&
+      EVP_PKEY_encrypt(ctx, out, &written, data, len) > 0) {
+    result = (int)written;
+  } else {
+    // Also a key too small for OAEP or an out too small for the modulus.
+    DLOG_ERROR("RSA-OAEP encryption failed: %s", ERR_reason_error_string(ERR_peek_last_error()));
+    ERR_clear_error();
+  }
+  EVP_PKEY_CTX_free(ctx);
+  EVP_PKEY_free(key);
+  return result;
+}
+
+static void put_be16(unsigned char *p, uint32_t v) {
+  p[0] = (unsigned char)(v >> 8);
+  p[1] = (unsigned char)v;
+}
+
+static void put_be32(unsigned char *p, uint32_t v) {
+  p[0] = (unsigned char)(v >> 24);
+  p[1] = (unsigned char)(v >> 16);
+  p[2] = (unsigned char)(v >> 8);
+  p[3] = (unsigned char)v;
+}
+
+// AES-256-GCM of payload into ct (same length) and tag; the header before
+// the ciphertext is the additional data. 0, or -1.
+static int gcm_encrypt(const unsigned char *key, const unsigned char *nonce,
+                       const unsigned char *aad, size_t aad_len, const unsigned char *payload,
+                       size_t len, unsigned char *ct, unsigned char *tag) {
+  EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
+  if (ctx == NULL) return -1;
+  int n = 0;
+  int ok = EVP_EncryptInit_ex(ctx, EVP_aes_256_gcm(), NULL, NULL, NULL) > 0 &&
+           EVP_CIPHER_CTX_ctrl(ctx, EVP_CTRL_GCM_SET_IVLEN, SHIP_NONCE_SIZE, NULL) > 0 &&
+           EVP_EncryptInit_ex(ctx, NULL, NULL, key, nonce) > 0 &&
+           EVP_EncryptUpdate(ctx, NULL, &n, aad, (int)aad_len) > 0;
+  int done = 0;
+  if (ok && len > 0) {
+    ok = EVP_EncryptUpdate(ctx, ct, &n, payload, (int)len) > 0;
+    done = n;
+  }
+  ok = ok && EVP_EncryptFinal_ex(ctx, ct + done, &n) > 0 &&
+       EVP_CIPHER_CTX_ctrl(ctx, EVP_CTRL_GCM_GET_TAG, SHIP_TAG_SIZE, tag) > 0;
+  EVP_CIPHER_CTX_free(ctx);
+  if (!ok) ERR_clear_error();
+  return ok ? 0 : -1;
+}
+
+int seal_message(char kind, const char *pem, const unsigned char *payload, size_t len,
+                 uint32_t raw_len, char *out, size_t out_size) {
+  if (out == NULL || out_size == 0) return SEAL_BAD_ARGUMENT;
+  out[0] = '\0';
+  if ((kind != SHIP_KIND_ATTACK && kind != SHIP_KIND_ACCESS) || pem == NULL ||
+      (payload == NULL && len > 0) || len > SHIP_PLAIN_MAX)
+    return SEAL_BAD_ARGUMENT;
+
+  unsigned char *bin = (unsigned char *)malloc(SHIP_SEALED_MAX(len));
+  if (bin == NULL) return SEAL_NO_MEMORY;
+  unsigned char key[SHIP_AES_KEY_SIZE];
+  memset(key, 0, sizeof key);
+
+  int result = SEAL_KEY_FAILED;
+  size_t at = 4;
+  int wrapped = -1;
+  // A fresh key and nonce per message, so a nonce is never used twice
+  // under one key, whatever the random source repeats across boots.
+  if (RAND_bytes(key, sizeof key) > 0)
+    wrapped = public_encrypt(pem, key, sizeof key, bin + at, SHIP_WRAPPED_KEY_MAX);
+  if (wrapped > 0) {
+    bin[0] = SHIP_WIRE_VERSION;
+    bin[1] = (unsigned char)kind;
+    put_be16(bin + 2, (uint32_t)wrapped);
+    at += (size_t)wrapped;
+    unsigned char *nonce = bin + at;
+    at += SHIP_NONCE_SIZE;
+    result = SEAL_CIPHER_FAILED;
+    if (RAND_bytes(nonce, SHIP_NONCE_SIZE) > 0) {
+      if (kind == SHIP_KIND_ACCESS) {
+        put_be32(bin + at, raw_len);
+        at += 4;
+      }
+      if (gcm_encrypt(key, nonce, bin, at, payload, len, bin + at, bin + at + len) == 0) {
+        size_t total = at + len + SHIP_TAG_SIZE;
+        if (SHIP_BASE64_SIZE(total) > out_size) {
+          result = SEAL_BAD_ARGUMENT;
+        } else {
+          result = EVP_EncodeBlock((unsigned char *)out, bin, (int)total);
+        }
+      }
+    }
+  }
+  OPENSSL_cleanse(key, sizeof key);
+  free(bin);
+  if (result < 0) {
+    out[0] = '\0';
+    ERR_clear_error();
+  }
+  return result;
+}

@@ -1,0 +1,132 @@
+// The device envelope of an attack report: who sends it (host name,
+// serial, LAN MAC, firmware tag), opened in front of a day slot's fragment.
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "logging/logging.h"
+#include "platform/platform.h"
+#include "shipping/shipping.h"
+
+#ifndef MOX_FIRMWARE_VERSION
+#error "MOX_FIRMWARE_VERSION comes from the build (CMakeLists.txt)"
+#endif
+
+#define ENVELOPE_FORMAT                                                              \
+  "{\"device_name\":\"%s\",\"device_id\":\"%s\",\"device_mac_address\":\"%s\","     \
+  "\"device_firmware_version\":\"%s\",%s"
+
+// Escaped texts grow to six bytes per byte at worst ("\u001f").
+#define ESCAPED_SIZE(n) (((n) - 1) * 6 + 1)
+
+// The device lines belong to the report stage whichever helper notices,
+// so a reader of the log finds them where the report failed.
+#define STAGE_ERROR(...)                                                            \
+  do {                                                                              \
+    if (LogSink.level < 5) log_write("ERROR", "send_encrypted_attack_log", __LINE__, __VA_ARGS__); \
+  } while (0)
+
+int get_device_name(char *out, size_t size) {
+  if (out == NULL || size == 0) return -1;
+  memset(out, 0, size);
+  if (gethostname(out, size - 1) != 0) {
+    out[0] = '\0';
+    return -1;
+  }
+  return 0;
+}
+
+// Cuts text at its first line end and drops trailing blanks. 1 if anything
+// is left.
+static int keep_first_line(char *text) {
+  text[strcspn(text, "\r\n")] = '\0';
+  size_t n = strlen(text);
+  while (n > 0 && is_space_char((unsigned char)text[n - 1])) text[--n] = '\0';
+  return n > 0;
+}
+
+int get_device_id(char *out, size_t size) {
+  if (out == NULL || size == 0) return -1;
+  // The pipeline's status is awk's, so a missing routerinfo still "works"
+  // and prints nothing: the output decides, not the status.
+  memset(out, 0, size);
+  if (exec_cmd(SHIP_SERIAL_CMD, out, size - 1) == 0 && keep_first_line(out)) return 0;
+
+  memset(out, 0, size);
+  ssize_t n = read_file(SHIP_MACHINE_ID_PATH, out, size - 1);
+  if (n > 0 && keep_first_line(out)) return 0;
+  memset(out, 0, size);
+  return -1;
+}
+
+const char *get_firmware_version(void) { return MOX_FIRMWARE_VERSION; }
+
+int json_escape(const char *text, char *out, size_t size) {
+  if (text == NULL || out == NULL || size == 0) return -1;
+  size_t at = 0;
+  for (const unsigned char *p = (const unsigned char *)text; *p; p++) {
+    char piece[8];
+    memset(piece, 0, sizeof piece);
+    if (*p == '"' || *p == '\\') {
+      piece[0] = '\\';
+      piece[1] = (char)*p;
+    } else if (*p < 0x20 || *p == 0x7f) {
+      int n = snprintf(piece, sizeof piece, "\\u%04x", *p);
+      if (n < 0 || (size_t)n >= sizeof piece) {
+        out[0] = '\0';
+        return -1;
+      }
+    } else {
+      piece[0] = (char)*p;
+    }
+    size_t n = strlen(piece);
+    if (at + n >= size) {
+      out[0] = '\0';
+      return -1;
+    }
+    memcpy(out + at, piece, n);
+    at += n;
+  }
+  out[at] = '\0';
+  return (int)at;
+}
+
+int build_attack_envelope(const char *fragment, char *out, size_t size) {
+  if (out == NULL || size == 0) return -1;
+  memset(out, 0, size);
+  if (fragment == NULL || strlen(fragment) >= SHIP_FRAGMENT_SIZE) return -1;
+
+  char name[SHIP_DEVICE_NAME_SIZE];
+  char id[SHIP_DEVICE_ID_SIZE];
+  char mac[MAC_TEXT_SIZE];
+  memset(mac, 0, sizeof mac);
+  if (get_device_name(name, sizeof name) != 0) STAGE_ERROR("gethostname failed.");
+  // The identifier never changes, and the command behind it runs on the
+  // main loop's thread: ask once per process, and again only while it has
+  // found nothing.
+  static char known_id[SHIP_DEVICE_ID_SIZE];
+  if (known_id[0] == '\0') get_device_id(known_id, sizeof known_id);
+  memcpy(id, known_id, sizeof id);
+  if (get_iface_mac(SHIP_MAC_IFACE, mac) != 0) {
+    STAGE_ERROR("failed to get device mac address.");
+    memset(mac, 0, sizeof mac);
+  }
+
+  char name_json[ESCAPED_SIZE(SHIP_DEVICE_NAME_SIZE)];
+  char id_json[ESCAPED_SIZE(SHIP_DEVICE_ID_SIZE)];
+  char mac_json[ESCAPED_SIZE(MAC_TEXT_SIZE)];
+  char version_json[ESCAPED_SIZE(sizeof MOX_FIRMWARE_VERSION)];
+  if (json_escape(name, name_json, sizeof name_json) < 0 ||
+      json_escape(id, id_json, sizeof id_json) < 0 ||
+      json_escape(mac, mac_json, sizeof mac_json) < 0 ||
+      json_escape(get_firmware_version(), version_json, sizeof version_json) < 0)
+    return -1;  // cannot happen with these sizes
+
+  int n = snprintf(out, size, ENVELOPE_FORMAT, name_json, id_json, mac_json, version_json,
+                   fragment);
+  if (n < 0 || (size_t)n >= size) {
+    out[0] = '\0';
+    return -1;
+  }
+  return n;
+}

@@ -1,0 +1,225 @@
+// mox_logdecode: the collector's reader of what mox_logd ships.
+//
+//   mox_logdecode -k PRIVATE_KEY.pem [-k ANOTHER.pem] [FILE...]
+//
+// Each input (standard input when no FILE, or "-") is either a file of
+// syslog lines as a receiver stored them, one message per line, or the raw
+// TCP stream of octet-counted frames; an input that opens with digits, a
+// blank and "<" is taken for the stream. Attack reports come out as one
+// JSON object per line, access blocks as their original records, in the
+// order received. What cannot be opened is reported on standard error and
+// skipped. Exit status: 0 everything decoded, 1 something skipped, 2 bad
+// usage or a key that cannot be loaded.
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "shipping/shipping.h"
+
+#define PROGRAM "mox_logdecode"
+#define MAX_KEYS 16
+#define READ_CHUNK 65536
+#define COUNT_DIGITS_MAX 10   // octet counts above 9999999999 are refused anyway
+#define FRAME_MAX (SHIP_FRAME_HEAD_SIZE + SHIP_BASE64_SIZE(SHIP_SEALED_MAX((size_t)SHIP_PLAIN_MAX)))
+
+static const char *keys[MAX_KEYS];
+static int key_count;
+static int skipped;
+
+// A growing read-ahead buffer over one input, so the stream test can look
+// at the first bytes without taking them from the line reader.
+struct Reader {
+  int fd;
+  char *buf;
+  size_t cap, start, end;
+  int eof;
+  int error;
+};
+
+// Makes at least want bytes available unless the input ends first.
+// 0, or -1 when out of memory.
+static int fill(Reader *r, size_t want) {
+  while (r->end - r->start < want && !r->eof) {
+    if (r->start > 0) {
+      memmove(r->buf, r->buf + r->start, r->end - r->start);
+      r->end -= r->start;
+      r->start = 0;
+    }
+    if (r->cap - r->end < READ_CHUNK) {
+      size_t cap = r->cap * 2 > r->end + READ_CHUNK ? r->cap * 2 : r->end + READ_CHUNK;
+      char *grown = (char *)realloc(r->buf, cap);
+      if (grown == NULL) return -1;
+      r->buf = grown;
+      r->cap = cap;
+    }
+    // read, not fread: a live pipe from a receiver gives what it has, and
+    // each message is decoded as soon as it is whole.
+    ssize_t got = read(r->fd, r->buf + r->end, r->cap - r->end);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) r->error = 1;
+    if (got <= 0) {
+      r->eof = 1;
+      break;
+    }
+    r->end += (size_t)got;
+  }
+  return 0;
+}
+
+static size_t available(const Reader *r) { return r->end - r->start; }
+
+static void report(const char *name, const char *what, long index, const char *why) {
+  fprintf(stderr, PROGRAM ": %s: %s %ld: %s\n", name, what, index, why);
+  skipped = 1;
+}
+
+static void decode_one(const char *name, const char *what, long index, const char *text,
+                       size_t len) {
+  char kind = 0;
+  unsigned char *plain = NULL;
+  size_t plain_len = 0;
+  int rc = open_sealed_message(text, len, keys, key_count, &kind, &plain, &plain_len);
+  if (rc != 0) {
+    report(name, what, index, open_error_text(rc));
+    return;
+  }
+  fwrite(plain, 1, plain_len, stdout);
+  if (kind == SHIP_KIND_ATTACK || (plain_len > 0 && plain[plain_len - 1] != '\n'))
+    fputc('\n', stdout);
+  fflush(stdout);
+  free(plain);
+}
+
+// 1 when the input starts like "<digits> <".
+static int looks_like_stream(Reader *r) {
+  if (fill(r, COUNT_DIGITS_MAX + 2) != 0) return 0;
+  size_t n = available(r);
+  const char *p = r->buf + r->start;
+  size_t digits = 0;
+  while (digits < n && digits <= COUNT_DIGITS_MAX && p[digits] >= '0' && p[digits] <= '9') digits++;
+  return digits > 0 && digits <= COUNT_DIGITS_MAX && digits + 1 < n && p[digits] == ' ' &&
+         p[digits + 1] == '<';
+}
+
+static void decode_stream(Reader *r, const char *name) {
+  for (long frame = 1;; frame++) {
+    // Frames follow each other directly; a line end between two is let pass.
+    for (;;) {
+      if (fill(r, 1) != 0 || available(r) == 0) return;
+      char c = r->buf[r->start];
+      if (c != '\n' && c != '\r') break;
+      r->start++;
+    }
+    if (fill(r, COUNT_DIGITS_MAX + 1) != 0) {
+      report(name, "frame", frame, "out of memory");
+      return;
+    }
+    size_t count = 0, digits = 0;
+    const char *p = r->buf + r->start;
+    size_t n = available(r);
+    while (digits < n && digits < COUNT_DIGITS_MAX && p[digits] >= '0' && p[digits] <= '9')
+      count = count * 10 + (size_t)(p[digits++] - '0');
+    // Without a sound count the next frame cannot be found: stop here.
+    if (digits == 0 || digits >= n || p[digits] != ' ' || count == 0 || count > FRAME_MAX) {
+      report(name, "frame", frame, "bad octet count; rest of input skipped");
+      return;
+    }
+    r->start += digits + 1;
+    if (fill(r, count) != 0 || available(r) < count) {
+      report(name, "frame", frame, "truncated frame");
+      return;
+    }
+    decode_one(name, "frame", frame, r->buf + r->start, count);
+    r->start += count;
+  }
+}
+
+static void decode_lines(Reader *r, const char *name) {
+  for (long line = 1;; line++) {
+    size_t scanned = 0;
+    const char *nl = NULL;
+    for (;;) {
+      nl = (const char *)memchr(r->buf + r->start + scanned, '\n', available(r) - scanned);
+      if (nl != NULL || r->eof) break;
+      scanned = available(r);
+      if (fill(r, available(r) + 1) != 0) {
+        report(name, "line", line, "out of memory");
+        return;
+      }
+    }
+    size_t len = nl != NULL ? (size_t)(nl - (r->buf + r->start)) : available(r);
+    if (nl == NULL && len == 0) return;
+    const char *text = r->buf + r->start;
+    r->start += len + (nl != NULL);
+    size_t blank = 0;
+    while (blank < len && (text[blank] == ' ' || text[blank] == '\t' || text[blank] == '\r')) blank++;
+    if (blank == len) continue;  // empty lines say nothing
+    decode_one(name, "line", line, text, len);
+  }
+}
+
+static void decode_input(FILE *file, const char *name) {
+  Reader r;
+  memset(&r, 0, sizeof r);
+  r.fd = fileno(file);
+  if (looks_like_stream(&r))
+    decode_stream(&r, name);
+  else if (r.buf != NULL)
+    decode_lines(&r, name);
+  else
+    r.error = 1;
+  if (r.error) {
+    fprintf(stderr, PROGRAM ": %s: read error\n", name);
+    skipped = 1;
+  }
+  free(r.buf);
+}
+
+static int usage(void) {
+  fprintf(stderr, "usage: " PROGRAM " -k PRIVATE_KEY.pem [-k ANOTHER.pem] [FILE...]\n");
+  return 2;
+}
+
+int main(int argc, char **argv) {
+  char *pems[MAX_KEYS];
+  memset(pems, 0, sizeof pems);
+  int opt;
+  while ((opt = getopt(argc, argv, "k:")) != -1) {
+    if (opt != 'k') return usage();
+    if (key_count == MAX_KEYS) {
+      fprintf(stderr, PROGRAM ": at most %d keys\n", MAX_KEYS);
+      return 2;
+    }
+    if (load_private_key_text(optarg, &pems[key_count]) != 0) {
+      fprintf(stderr, PROGRAM ": cannot load private key %s\n", optarg);
+      return 2;
+    }
+    keys[key_count] = pems[key_count];
+    key_count++;
+  }
+  if (key_count == 0) return usage();
+
+  if (optind == argc) {
+    decode_input(stdin, "-");
+  } else {
+    for (int i = optind; i < argc; i++) {
+      if (strcmp(argv[i], "-") == 0) {
+        decode_input(stdin, "-");
+        continue;
+      }
+      FILE *file = fopen(argv[i], "rb");
+      if (file == NULL) {
+        fprintf(stderr, PROGRAM ": %s: %s\n", argv[i], strerror(errno));
+        skipped = 1;
+        continue;
+      }
+      decode_input(file, argv[i]);
+      fclose(file);
+    }
+  }
+  if (fflush(stdout) != 0) skipped = 1;
+  for (int i = 0; i < key_count; i++) free(pems[i]);
+  return skipped ? 1 : 0;
+}

@@ -1,0 +1,194 @@
+// The way out: syslog framing and one short TCP connection per send.
+// TCP rather than UDP because a sealed message is useless unless it
+// arrives whole; octet counting (RFC 6587) lets the receiver cut the
+// stream without looking inside, and rsyslog's imtcp takes it as it is.
+#include <errno.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "logging/logging.h"
+#include "platform/platform.h"
+#include "shipping/shipping.h"
+
+#define SYSLOG_TIME_SIZE 32   // "YYYY-MM-DDTHH:MM:SS+HH:00"
+#define PORT_MAX 65535
+
+int frame_syslog_message(char kind, const char *text, char *out, size_t out_size) {
+  if (out == NULL || out_size == 0) return -1;
+  out[0] = '\0';
+  if (text == NULL) return -1;
+
+  time_t now = clock_now();
+  struct tm local;
+  memset(&local, 0, sizeof local);
+  char stamp[SYSLOG_TIME_SIZE];
+  memset(stamp, 0, sizeof stamp);
+  if (localtime_r(&now, &local) == NULL ||
+      strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%S", &local) == 0)
+    return -1;
+  // Whole hours, as the collectors expect; a zone west of UTC gets its
+  // own sign rather than "+-5".
+  long hours = local.tm_gmtoff / 3600;
+  size_t used = strlen(stamp);
+  int z = hours >= 0 ? snprintf(stamp + used, sizeof stamp - used, "+%02ld:00", hours)
+                     : snprintf(stamp + used, sizeof stamp - used, "-%02ld:00", -hours);
+  if (z < 0 || (size_t)z >= sizeof stamp - used) return -1;
+
+  // The host name is a header field: a blank in it would shift every field
+  // after it in the receiver's parse.
+  char host[SHIP_DEVICE_NAME_SIZE];
+  if (get_device_name(host, sizeof host) != 0 || host[0] == '\0') memcpy(host, "-", 2);
+  for (char *p = host; *p; p++)
+    if ((unsigned char)*p <= ' ' || (unsigned char)*p >= 0x7f) *p = '-';
+
+  char head[SHIP_FRAME_HEAD_SIZE];
+  memset(head, 0, sizeof head);
+  int h = snprintf(head, sizeof head, SHIP_PRIORITY "%s %s " SHIP_APP_NAME ": " SHIP_MARKER "%c ",
+                   stamp, host, kind);
+  if (h < 0 || (size_t)h >= sizeof head) return -1;
+
+  size_t message_len = (size_t)h + strlen(text);
+  int n = snprintf(out, out_size, "%lu %s%s", (unsigned long)message_len, head, text);
+  if (n < 0 || (size_t)n >= out_size) {
+    out[0] = '\0';
+    return -1;
+  }
+  return n;
+}
+
+// connect with a deadline: a collector that drops SYNs must not hold the
+// main loop for the kernel's two minutes. A signal restarts the wait from
+// the full timeout; the daemon's signals are rare enough for that. The
+// socket is blocking again afterwards, so SO_SNDTIMEO governs the sends.
+// 0, or -1 with errno set.
+static int connect_within(int fd, const struct sockaddr_in *addr, int timeout_ms) {
+  int flags = fcntl(fd, F_GETFL, 0);
+  if (flags < 0 || fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) return -1;
+  int rc = connect(fd, (const struct sockaddr *)addr, sizeof *addr);
+  if (rc != 0 && errno == EINPROGRESS) {
+    struct pollfd p;
+    memset(&p, 0, sizeof p);
+    p.fd = fd;
+    p.events = POLLOUT;
+    do {
+      rc = poll(&p, 1, timeout_ms);
+    } while (rc < 0 && errno == EINTR);
+    if (rc == 0) {
+      errno = ETIMEDOUT;
+      return -1;
+    }
+    if (rc < 0) return -1;
+    int err = 0;
+    socklen_t err_len = sizeof err;
+    if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &err_len) != 0) return -1;
+    if (err != 0) {
+      errno = err;
+      return -1;
+    }
+    rc = 0;
+  }
+  if (rc != 0) return -1;
+  return fcntl(fd, F_SETFL, flags) == 0 ? 0 : -1;
+}
+
+int send_to_syslog_server(const char *host, int port, const char *message) {
+  if (message == NULL) return -1;
+  // The reentrant lookup: a sender thread may ship access blocks while the
+  // main loop ships a report.
+  struct hostent entry;
+  struct hostent *found = NULL;
+  char scratch[SHIP_HOSTENT_BUF_SIZE];
+  int h_err = 0;
+  memset(&entry, 0, sizeof entry);
+  memset(scratch, 0, sizeof scratch);
+  if (host == NULL || host[0] == '\0' ||
+      gethostbyname_r(host, &entry, scratch, sizeof scratch, &found, &h_err) != 0 ||
+      found == NULL || found->h_addrtype != AF_INET || found->h_length != 4 ||
+      found->h_addr_list[0] == NULL) {
+    DLOG_ERROR("gethostbyname error for host:%s", host != NULL ? host : "");
+    return -1;
+  }
+  struct sockaddr_in addr;
+  memset(&addr, 0, sizeof addr);
+  addr.sin_family = AF_INET;
+  memcpy(&addr.sin_addr, found->h_addr_list[0], 4);
+  if (port <= 0 || port > PORT_MAX) {
+    DLOG_ERROR("connect() error:%s", strerror(EINVAL));
+    return -1;
+  }
+  addr.sin_port = htons((uint16_t)port);
+
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) {
+    DLOG_ERROR("sock() error:%s", strerror(errno));
+    return -1;
+  }
+  // A buffer for a whole report, so a report leaves in one send; a
+  // refusal only costs more sends.
+  int sndbuf = SHIP_SNDBUF_SIZE;
+  if (setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &sndbuf, sizeof sndbuf) != 0)
+    DLOG_ERROR("set SO_SNDBUF error:%s", strerror(errno));
+  // Without the send timeout a stalled collector would block the loop for
+  // good, so its failure ends the attempt.
+  struct timeval timeout;
+  memset(&timeout, 0, sizeof timeout);
+  timeout.tv_sec = SHIP_SEND_TIMEOUT_SEC;
+  if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) != 0) {
+    DLOG_ERROR("set SO_SNDTIMEO error:%s", strerror(errno));
+    close(fd);
+    return -1;
+  }
+  if (connect_within(fd, &addr, SHIP_CONNECT_TIMEOUT_MS) != 0) {
+    DLOG_ERROR("connect() error:%s", strerror(errno));
+    close(fd);
+    return -1;
+  }
+
+  size_t len = strlen(message);
+  size_t sent = 0;
+  while (sent < len) {
+    // MSG_NOSIGNAL: a collector that hangs up must not end the daemon.
+    ssize_t n = send(fd, message + sent, len - sent, MSG_NOSIGNAL);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      DLOG_ERROR("send() error:%s", n < 0 ? strerror(errno) : "nothing sent");
+      close(fd);
+      return -1;
+    }
+    sent += (size_t)n;
+  }
+  close(fd);
+  DLOG_DEBUG("syslog send() OK:len=%d", (int)len);
+  return 1;
+}
+
+int send_encrypted_attack_log(const char *host, int port, const char *fragment) {
+  char envelope[SHIP_ENVELOPE_SIZE];
+  int n = build_attack_envelope(fragment, envelope, sizeof envelope);
+  if (n < 0) {
+    DLOG_ERROR("encrypt attack log error:%s", "fragment missing or too long");
+    return -1;
+  }
+  char text[SHIP_ATTACK_TEXT_SIZE];
+  memset(text, 0, sizeof text);
+  int sealed = seal_message(SHIP_KIND_ATTACK, ship_public_key(SHIP_KIND_ATTACK),
+                            (const unsigned char *)envelope, (size_t)n, 0, text, sizeof text);
+  if (sealed < 0) {
+    DLOG_ERROR("encrypt attack log error:%s", seal_error_text(sealed));
+    return -1;
+  }
+  char frame[SHIP_ATTACK_FRAME_SIZE];
+  memset(frame, 0, sizeof frame);
+  if (frame_syslog_message(SHIP_KIND_ATTACK, text, frame, sizeof frame) < 0) {
+    DLOG_ERROR("encrypt attack log error:%s", "frame does not fit");
+    return -1;
+  }
+  return send_to_syslog_server(host, port, frame) == 1 ? 1 : -1;
+}
