@@ -73,9 +73,7 @@ int main(int argc, char **argv) {
 
   // Drawn now for the report cycle's first day; renewed by the cycle.
   int report_hour = rand() % 3;
-  int report_minute = rand() % 59;
-  (void)report_hour;
-  (void)report_minute;
+  int report_minute = rand() % REPORT_MINUTES;
 
   while (logd_running) {
     fd_set read_set;
@@ -107,8 +105,7 @@ int main(int argc, char **argv) {
           DLOG_ERROR("mox_logd: recv access log error!");
       }
     } else if (n == 0) {
-      // The daily report cycle joins here, ahead of the flush, once the
-      // sender can deliver reports.
+      report_cycle(sender, &report_hour, &report_minute);
       flush_stats(&day_stat().dirty, &hour_stat().dirty);
       roll_day_stat();
       roll_hour_stat();

@@ -4,11 +4,14 @@
 // The statistics operations print nothing.
 #pragma once
 
+#include <stddef.h>
 #include <stdint.h>
 
 #define DAY_SLOTS 30
 #define HOUR_SLOTS 48
 #define STAT_LINE_SIZE 256
+#define REPORT_FRAGMENT_SIZE 256   // longest fragment: 219 characters
+#define REPORT_MINUTES 59          // report minutes are drawn from 0..58
 
 #define STAT_COUNT_PATH "/tmp/mox/log/stat"
 #define DAY_STAT_PATH "/tmp/mox/log/day_stat"
@@ -88,6 +91,19 @@ void reset_attack_stats(void);
 void load_day_stat(void);
 void load_hour_stat(void);
 void load_attack_count(void);
+
+class RateLimitLogSender;
+
+// The closing piece of one day's JSON report, from "timestamp" (the slot's
+// time in UTC) through the six counters and the closing brace.
+// Characters written, or -1 when out is too small.
+int format_report_fragment(const StatSlot *slot, char *out, size_t size);
+
+// At each timeout: once a day has finished and the local time has reached
+// *report_hour:*report_minute, draws the next report time; then sends the
+// finished day slots oldest first, in pairs, keeping the first that fails
+// for a later timeout. The open slot is never sent.
+void report_cycle(RateLimitLogSender &sender, int *report_hour, int *report_minute);
 
 // Rewrite a ring file whole from memory; a failed open writes nothing.
 void save_day_stat(void);

@@ -1,0 +1,174 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <string>
+
+#include "collector.h"
+#include "confgen/confgen.h"
+#include "logging/logging.h"
+#include "platform/platform.h"
+#include "sandbox.h"
+#include "shipping/shipping.h"
+#include "stats/stats.h"
+
+namespace {
+
+const time_t DAY = 86400;
+const time_t DAY1 = 1795262400;  // 2026-11-21 12:00:00 UTC
+
+std::string open_report(const std::string &frame) {
+  char *pem = nullptr;
+  if (load_private_key_text(MOX_SOURCE_DIR "/keys/dev/attack_private.pem", &pem) != 0)
+    return "no key";
+  const char *keys[] = {pem};
+  char kind = 0;
+  unsigned char *plain = nullptr;
+  size_t len = 0;
+  int rc = open_sealed_message(frame.data(), frame.size(), keys, 1, &kind, &plain, &len);
+  std::string out = rc == 0 ? std::string((char *)plain, len) : "unopened";
+  std::free(plain);
+  std::free(pem);
+  return out;
+}
+
+class ReportCycle : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    if (!sandbox_ready()) return;
+    sandbox_wipe("/media/nand");
+    sandbox_wipe("/tmp/mox");
+    ASSERT_EQ(0, system("mkdir -p /tmp/mox/log /media/nand/mox_data"));
+    reset_attack_stats();
+    LogSink.level = 0;
+    LogSink.mask = LOG_MASK_STDOUT;
+    clock_set(DAY1);
+    roll_day_stat();  // the first slot opens on day 1
+  }
+  void TearDown() override {
+    clock_set(0);
+    LogSink.level = 3;
+    LogSink.mask = 0;
+  }
+
+  void point_at(int port) {
+    ASSERT_EQ(0, parser_save(PARSER_LOGATSERVER, ("127.0.0.1:" + std::to_string(port)).c_str()));
+  }
+
+  // Moves the clock on by whole days, rolling as the loop does.
+  void next_day(int days = 1) {
+    clock_set(DAY1 + (days_ += days) * DAY);
+    roll_day_stat();
+  }
+
+  int hour = 23, minute = 58;  // not reached before 23:58
+  time_t days_ = 0;
+};
+
+TEST(ReportFragment, FormatIsTheClosingPieceOfTheReport) {
+  StatSlot slot = {(int32_t)(DAY1 + 5), {1, 2, 3, 4, 5, 4294967295u}};
+  char out[REPORT_FRAGMENT_SIZE];
+  ASSERT_GT(format_report_fragment(&slot, out, sizeof out), 0);
+  EXPECT_STREQ(
+      "\"timestamp\":\"2026-11-21 12:0:5\",\"internal_attack\":1,\"intrusion_attempt\":2,"
+      "\"automated_attack\":3,\"unauthorized_access\":4,\"browser_hijacking\":5,"
+      "\"password_guessing\":4294967295}",
+      out);
+  EXPECT_EQ(-1, format_report_fragment(&slot, out, 100));
+}
+
+TEST_F(ReportCycle, FinishedDaysLeaveInPairsOldestFirst) {
+  REQUIRE_SANDBOX();
+  Collector c;
+  point_at(c.port());
+  RateLimitLogSender sender("", 0);
+  count_day_attack(1);
+  count_day_attack(104);
+  report_cycle(sender, &hour, &minute);
+  next_day();  // one finished day waits for the next
+  report_cycle(sender, &hour, &minute);
+  EXPECT_TRUE(c.frames().empty());
+  next_day();
+  report_cycle(sender, &hour, &minute);
+  ASSERT_TRUE(c.wait_for(2, 3000));
+  EXPECT_EQ(1, report_send_ok());
+  std::string first = open_report(c.frames()[0]), second = open_report(c.frames()[1]);
+  EXPECT_NE(std::string::npos,
+            first.find("\"timestamp\":\"2026-11-21 12:0:0\",\"internal_attack\":1,"
+                       "\"intrusion_attempt\":1,\"automated_attack\":0,"
+                       "\"unauthorized_access\":0,\"browser_hijacking\":1,"))
+      << first;
+  EXPECT_NE(std::string::npos, second.find("\"timestamp\":\"2026-11-22 12:0:0\",\"internal_attack\":0,"))
+      << second;
+  EXPECT_EQ(day_stat().head, day_stat().tail);
+  report_cycle(sender, &hour, &minute);
+  next_day();
+  report_cycle(sender, &hour, &minute);
+  usleep(200000);
+  EXPECT_EQ(2u, c.frames().size()) << "the open slot or a sent slot went out";
+}
+
+TEST_F(ReportCycle, FailedSendsAreKeptAndGoOutOnceLater) {
+  REQUIRE_SANDBOX();
+  int dead_port;
+  {
+    Collector gone;
+    dead_port = gone.port();
+  }
+  point_at(dead_port);
+  testing::internal::CaptureStdout();
+  RateLimitLogSender sender("", 0);
+  next_day();
+  next_day();
+  report_cycle(sender, &hour, &minute);
+  EXPECT_NE(1, report_send_ok());
+  EXPECT_EQ(0, day_stat().tail);
+  clock_set(clock_now() + 1);
+  report_cycle(sender, &hour, &minute);  // inside the pause: not even tried
+  EXPECT_EQ(0, day_stat().tail);
+
+  Collector c;
+  point_at(c.port());
+  ASSERT_EQ(0, sender.reload_config());
+  clock_set(clock_now() + RETRY_MIN_SECONDS);
+  report_cycle(sender, &hour, &minute);
+  report_cycle(sender, &hour, &minute);
+  std::string log = testing::internal::GetCapturedStdout();
+  ASSERT_TRUE(c.wait_for(2, 3000));
+  usleep(200000);
+  ASSERT_EQ(2u, c.frames().size()) << "a report was lost or sent twice";
+  for (int i = 0; i < 2; i++)
+    EXPECT_NE(std::string::npos, open_report(c.frames()[i])
+                                     .find("\"timestamp\":\"2026-11-" + std::to_string(21 + i)))
+        << i;
+  EXPECT_EQ(2, day_stat().tail);
+  EXPECT_EQ(1, report_send_ok());
+  size_t first = log.find("connect() error:");
+  ASSERT_NE(std::string::npos, first);
+  EXPECT_EQ(std::string::npos, log.find("connect() error:", first + 1));
+}
+
+TEST_F(ReportCycle, ReportTimeIsRenewedOnlyWhenDueAndReached) {
+  REQUIRE_SANDBOX();
+  ASSERT_EQ(0, parser_save(PARSER_RANDTIME, "20 2"));
+  RateLimitLogSender sender("", 0);
+  next_day();  // due, but 12:00 is before 23:58
+  ASSERT_EQ(1, report_due());
+  report_cycle(sender, &hour, &minute);
+  EXPECT_EQ(23, hour);
+  EXPECT_EQ(1, report_due());
+  hour = 12;
+  minute = 0;  // reached to the minute
+  report_cycle(sender, &hour, &minute);
+  EXPECT_EQ(0, report_due());
+  EXPECT_TRUE(hour == 20 || hour == 21) << hour;
+  EXPECT_TRUE(minute >= 0 && minute < REPORT_MINUTES) << minute;
+  int h = hour, m = minute;
+  report_cycle(sender, &hour, &minute);  // not due: left alone
+  EXPECT_EQ(h, hour);
+  EXPECT_EQ(m, minute);
+}
+
+}  // namespace
