@@ -535,7 +535,7 @@ TEST_F(LogdBlackbox, SighupReloadsAndKeepsCounting) {
   pid_t pid = start_daemon();
   ASSERT_GT(pid, 0) << state();
 
-  const char reload[] = "(reload_config) reload configure: server=:0, m_send_interval=0/m\n";
+  const char reload[] = "(reload_config) reload configure: server=:0, m_send_interval=600/m\n";
   ASSERT_EQ(kill(pid, SIGHUP), 0);
   EXPECT_TRUE(wait_for([&] { return count_of(read_file(kLogPath), reload) > 0; }, 5))
       << read_file(kLogPath);
