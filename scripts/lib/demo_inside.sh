@@ -1,6 +1,8 @@
-# Runs inside the demo's private namespaces: $1 the daemon, $2 the records.
+# Runs inside the demo's private namespaces: $1 the daemon, $2 the records,
+# $3 the mox_conf tool, $4 the release files, $5 mox_logdecode, $6 the
+# development key pairs.
 set -euo pipefail
-bin=$1 records=$2
+bin=$1 records=$2 conf_tool=$3 release=$4 decode=$5 keys=$6
 
 mount --make-rprivate /
 # Stage the daemon and the records first: the build may live under /tmp.
@@ -8,6 +10,10 @@ mount -t tmpfs none /media
 mkdir -p /media/demo /media/nand/mox_data
 cp "$bin" /media/demo/mox_logd
 cp "$records" /media/demo/attacks.txt
+cp "$conf_tool" /media/demo/mox_conf
+cp -r "$release" /media/demo/release
+cp "$decode" /media/demo/mox_logdecode
+cp -r "$keys" /media/demo/keys
 touch /media/demo/null
 mount --bind /dev/null /media/demo/null
 mount -t tmpfs none /tmp
@@ -57,8 +63,62 @@ cat /tmp/mox/log/day_stat
 section "/tmp/mox/log/hour_stat"
 cat /tmp/mox/log/hour_stat
 
+section "two protected websites with mox_conf"
+# The release files belong under /tmp/mox/release before generation.
+cp -r /media/demo/release /tmp/mox/release
+/media/demo/mox_conf proxy add "shop 192.168.1.1:8080 127.0.0.1:8081"
+/media/demo/mox_conf proxy add "blog https://0.0.0.0:8443 127.0.0.1:8082 --protect=monitor"
+/media/demo/mox_conf set fixed_key demo-fixed-key
+/media/demo/mox_conf set cluster_key demo-cluster-key
+echo "stored websites:"
+/media/demo/mox_conf proxy list | sed 's/^/  /'
+/media/demo/mox_conf generate all
+section "/tmp/mox/release/nginx/website_upstreams.conf"
+cat /tmp/mox/release/nginx/website_upstreams.conf
+
+section "shipping: a local collector and a few access records"
+# The collector: every TCP connection on 127.0.0.1:6514 appended to a file,
+# as a receiver would get it off the wire.
+socat -u TCP-LISTEN:6514,bind=127.0.0.1,fork,reuseaddr OPEN:/media/demo/collector.raw,creat,append &
+collector=$!
+trap 'kill $reader $collector 2>/dev/null || true' EXIT
+for _ in $(seq 50); do (echo > /dev/tcp/127.0.0.1/6514) 2>/dev/null && break; sleep 0.1; done
+: > /media/demo/collector.raw
+/media/demo/mox_conf set logserver "127.0.0.1:6514 600"
+kill -HUP "$pid"
+sleep 0.5
+for path in / /login /shop/cart /blog/2026/11/hello; do
+  printf '<190>nginx: 192.168.1.50 - - "GET %s HTTP/1.1" 200 512' "$path" |
+    socat -u - UNIX-SENDTO:/tmp/mox/log/access.sock
+done
+for _ in $(seq 50); do [ -s /media/demo/collector.raw ] && break; sleep 0.1; done
+sleep 0.5
+echo "decoded by mox_logdecode:"
+/media/demo/mox_logdecode -k /media/demo/keys/access_private.pem /media/demo/collector.raw | sed 's/^/  /'
+
 section "stopping with SIGTERM"
 kill -TERM "$pid"
 for _ in $(seq 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
+grep 'logd loop stop' /tmp/mox/log/logd.log
+
+section "one attack report: the daemon again, with a clock running 40000 times fast"
+# Reports leave when UTC days have finished, two at a time; libfaketime
+# lets two days pass in a few seconds. Today's counts are loaded from the
+# files the first run wrote.
+: > /media/demo/collector.raw
+faketime_lib=$(ls /usr/lib/*/faketime/libfaketime.so.1 2>/dev/null | head -n 1)
+if [ -n "$faketime_lib" ]; then
+  LD_PRELOAD=$faketime_lib FAKETIME="+0 x40000" /media/demo/mox_logd
+  sleep 1
+  pid=$(tr -d '\0' < /tmp/mox/lock_writer.dat)
+  for _ in $(seq 150); do grep -q '"timestamp"' <(/media/demo/mox_logdecode -k /media/demo/keys/attack_private.pem /media/demo/collector.raw 2>/dev/null) && break; sleep 0.1; done
+  echo "decoded by mox_logdecode (the first report holds the sample attacks):"
+  /media/demo/mox_logdecode -k /media/demo/keys/attack_private.pem /media/demo/collector.raw 2>/dev/null | head -n 2 | sed 's/^/  /'
+  kill -TERM "$pid"
+  for _ in $(seq 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
+else
+  echo "(libfaketime is not installed: skipped)"
+fi
+
 section "/tmp/mox/log/logd.log"
 cat /tmp/mox/log/logd.log
