@@ -78,8 +78,8 @@ int handle_data(int kind, para_entry *entries, char *out, int *out_len) {
     }
     if (length < 0) {
       // A read error after a good open (a directory, for one) is not taken
-      // for a length: it fails like the open, naming the real path.
-      DLOG_ERROR("read file: %s fail.", path);
+      // for a length: it fails like the open, with the same fixed path.
+      DLOG_ERROR("read file: %s fail.", NGINX_TEMPLATE_PATH);
       return 1;
     }
   }

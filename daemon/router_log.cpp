@@ -38,13 +38,17 @@ void format_router_log(const char *text, int length, AttackClass attack_class) {
 
   // Unbounded on purpose: the word counts wherever it stands in the buffer.
   if (text && std::strstr(text, "Automatic")) {
-    std::snprintf(label, sizeof label, "%s", BLOCK_LABEL);
+    static_assert(sizeof BLOCK_LABEL <= ROUTER_LABEL_SIZE, "the label fits its buffer");
+    std::memcpy(label, BLOCK_LABEL, sizeof BLOCK_LABEL);
     if (length < 0) length = 0;
     if (length > (int)sizeof copy - 1) length = (int)sizeof copy - 1;
     std::strncpy(copy, text, (size_t)length);
     (void)std::sscanf(copy, HEADER_FORMAT, title, source, port);
-    // At most 28 + 63 + 6 + 15 characters: always fits the line.
-    (void)std::snprintf(line, sizeof line, "[%s] From source: %s port %s", label, source, port);
+    // The widths above keep this to 12 + 63 + 15 characters and the frame,
+    // far inside the line; a cut line would name a wrong address, so it
+    // goes out empty rather than cut.
+    int n = std::snprintf(line, sizeof line, "[%s] From source: %s port %s", label, source, port);
+    if (n < 0 || (size_t)n >= sizeof line) line[0] = '\0';
   }
   // Without "Automatic" the line is empty and still goes out.
   write_router_log(line, (int)std::strlen(line));

@@ -50,7 +50,9 @@ int build_encrypted_logs(const char *block, size_t len, char **out) {
   char *frame = (char *)malloc(frame_size);
   int n = -1;
   if (text == NULL || frame == NULL) {
-    DLOG_ERROR("No enough memory!");
+    // Not compress_data's "No enough memory!": a reader of the log finds
+    // that text under compress_data alone.
+    DLOG_ERROR("no memory for the sealed access block");
   } else {
     int sealed = seal_message(SHIP_KIND_ACCESS, ship_public_key(SHIP_KIND_ACCESS), packed,
                               packed_len, (uint32_t)len, text, text_size);

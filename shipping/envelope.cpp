@@ -1,7 +1,14 @@
 // The device envelope of an attack report: who sends it (host name,
 // serial, LAN MAC, firmware tag), opened in front of a day slot's fragment.
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "logging/logging.h"
@@ -36,6 +43,96 @@ int get_device_name(char *out, size_t size) {
   return 0;
 }
 
+// Elapsed milliseconds for the command's bound. CLOCK_MONOTONIC, not the
+// clock_now seam: a bound needs elapsed time, which a pinned or reset wall
+// clock cannot give.
+static long long monotonic_ms(void) {
+  struct timespec now;
+  memset(&now, 0, sizeof now);
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return (long long)now.tv_sec * 1000 + now.tv_nsec / 1000000;
+}
+
+// exec_cmd with a deadline. The report runs on the main loop's thread, and
+// popen's read and pclose would wait for a routerinfo that hangs for as
+// long as it hangs, with both sockets. The command runs in a process group
+// of its own, so that on the deadline the whole pipeline is killed, not
+// just the shell. As with exec_cmd: one read of up to size bytes (the
+// output beyond them is not read), a trailing newline made NUL, no other
+// terminator. 0 if the command exited 0 in time, -1 otherwise; *timed_out
+// is 1 when it was killed.
+static int run_bounded(const char *cmd, char *out, size_t size, int timeout_ms, int *timed_out) {
+  *timed_out = 0;
+  int fds[2];
+  if (pipe2(fds, O_CLOEXEC) != 0) return -1;
+  posix_spawn_file_actions_t actions;
+  posix_spawnattr_t attr;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawnattr_init(&attr);
+  posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
+  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
+  posix_spawnattr_setpgroup(&attr, 0);
+  char *const argv[] = {(char *)"sh", (char *)"-c", (char *)cmd, NULL};
+  pid_t pid = -1;
+  int spawned = posix_spawn(&pid, "/bin/sh", &actions, &attr, argv, environ);
+  posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attr);
+  close(fds[1]);
+  if (spawned != 0) {
+    close(fds[0]);
+    return -1;
+  }
+
+  long long deadline = monotonic_ms() + timeout_ms;
+  size_t got = 0;
+  while (got < size) {
+    long long left = deadline - monotonic_ms();
+    if (left <= 0) {
+      *timed_out = 1;
+      break;
+    }
+    struct pollfd p;
+    memset(&p, 0, sizeof p);
+    p.fd = fds[0];
+    p.events = POLLIN;
+    int ready = poll(&p, 1, (int)left);
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready == 0) {
+      *timed_out = 1;
+      break;
+    }
+    if (ready < 0) break;
+    ssize_t n = read(fds[0], out + got, size - got);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;  // end of the output
+    got += (size_t)n;
+  }
+  close(fds[0]);
+  if (got > 0 && out[got - 1] == '\n') out[got - 1] = '\0';
+
+  // The exit is bounded by the same deadline.
+  int status = -1;
+  for (;;) {
+    if (*timed_out) {
+      kill(-pid, SIGKILL);
+      while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+      }
+      break;
+    }
+    pid_t done = waitpid(pid, &status, WNOHANG);
+    if (done == pid) break;
+    if (done < 0 && errno != EINTR) {
+      status = -1;  // reaped elsewhere: the status is unknown
+      break;
+    }
+    if (monotonic_ms() >= deadline)
+      *timed_out = 1;
+    else
+      poll(NULL, 0, 10);
+  }
+  return !*timed_out && WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : -1;
+}
+
 // Cuts text at its first line end and drops trailing blanks. 1 if anything
 // is left.
 static int keep_first_line(char *text) {
@@ -50,13 +147,18 @@ int get_device_id(char *out, size_t size) {
   // The pipeline's status is awk's, so a missing routerinfo still "works"
   // and prints nothing: the output decides, not the status.
   memset(out, 0, size);
-  if (exec_cmd(SHIP_SERIAL_CMD, out, size - 1) == 0 && keep_first_line(out)) return 0;
+  int timed_out = 0;
+  if (run_bounded(SHIP_SERIAL_CMD, out, size - 1, SHIP_SERIAL_TIMEOUT_MS, &timed_out) == 0 &&
+      keep_first_line(out))
+    return 0;
+  if (timed_out)
+    STAGE_ERROR("device serial command killed after %d ms.", SHIP_SERIAL_TIMEOUT_MS);
 
   memset(out, 0, size);
   ssize_t n = read_file(SHIP_MACHINE_ID_PATH, out, size - 1);
   if (n > 0 && keep_first_line(out)) return 0;
   memset(out, 0, size);
-  return -1;
+  return timed_out ? -2 : -1;
 }
 
 const char *get_firmware_version(void) { return MOX_FIRMWARE_VERSION; }
@@ -103,9 +205,13 @@ int build_attack_envelope(const char *fragment, char *out, size_t size) {
   if (get_device_name(name, sizeof name) != 0) STAGE_ERROR("gethostname failed.");
   // The identifier never changes, and the command behind it runs on the
   // main loop's thread: ask once per process, and again only while it has
-  // found nothing.
+  // found nothing. A command that had to be killed would cost the loop the
+  // same wait at every report, so it is not asked again.
   static char known_id[SHIP_DEVICE_ID_SIZE];
-  if (known_id[0] == '\0') get_device_id(known_id, sizeof known_id);
+  static int serial_cmd_hangs;
+  if (known_id[0] == '\0' && !serial_cmd_hangs &&
+      get_device_id(known_id, sizeof known_id) == -2)
+    serial_cmd_hangs = 1;
   memcpy(id, known_id, sizeof id);
   if (get_iface_mac(SHIP_MAC_IFACE, mac) != 0) {
     STAGE_ERROR("failed to get device mac address.");

@@ -87,8 +87,10 @@ int RateLimitLogSender::load_settings(Settings *s) {
     if (std::sscanf(value, "%d %d %c", &base, &span, &extra) != 2 || base < 0 || base > 23)
       return -1;
     s->hour_base = base;
-    // A zero or negative span would divide by zero in the report cycle.
+    // A zero or negative span would divide by zero in the report cycle; a
+    // span beyond a day draws hours that never come.
     s->hour_span = span > 0 ? span : REPORT_HOUR_SPAN_DEFAULT;
+    if (s->hour_span > 24) s->hour_span = 24;
   }
   return 0;
 }
@@ -287,7 +289,12 @@ void *RateLimitLogSender::worker_main(void *self) {
 // tried again after a growing pause; meanwhile new records wait in the
 // queue, and past its size they are dropped and counted.
 void RateLimitLogSender::worker_loop() {
+  // Room for the largest block once, here: a block stops short of
+  // ACCESS_BLOCK_BYTES except for a single record, so no append below
+  // grows the text, and no bad_alloc can escape this thread later and end
+  // the whole daemon.
   std::string block;
+  block.reserve(ACCESS_BLOCK_BYTES + ACCESS_RECORD_SIZE + 1);
   char host[SENDER_HOST_SIZE];
   int port = 0;
   int backoff = 0;

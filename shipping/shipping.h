@@ -167,6 +167,7 @@ class RateLimitLogSender {
 #define SHIP_FRAGMENT_SIZE 256         // a day slot's fragment, NUL included
 #define SHIP_ENVELOPE_SIZE 4096        // escaped device texts (6 bytes per byte at worst) + fragment
 #define SHIP_SERIAL_CMD "routerinfo 2>&1|grep serial |awk '{print $4}'"
+#define SHIP_SERIAL_TIMEOUT_MS 3000    // the serial command's output and exit, at most
 #define SHIP_MACHINE_ID_PATH "/etc/machine-id"
 #define SHIP_MAC_IFACE "br0"          // the LAN bridge
 
@@ -195,7 +196,9 @@ int get_device_name(char *out, size_t size);
 
 // The device's identifier into out: the first line the serial command
 // prints, else the first line of /etc/machine-id (for a device without
-// routerinfo), else "". 0 when one was found, -1 when out stays "".
+// routerinfo), else "". The command gets SHIP_SERIAL_TIMEOUT_MS; one that
+// overruns is killed with its whole pipeline. 0 when one was found, -1
+// when out stays "", -2 when out stays "" and the command was killed.
 int get_device_id(char *out, size_t size);
 
 // The compiled-in version tag "<version>-<YYYYMMDD>-<revision>".

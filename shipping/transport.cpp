@@ -19,6 +19,30 @@
 
 #define SYSLOG_TIME_SIZE 32   // "YYYY-MM-DDTHH:MM:SS+HH:00"
 #define PORT_MAX 65535
+#define ERROR_TEXT_SIZE 128   // one strerror_r text
+
+// The send timeout is the report stage's safeguard, so its failure line
+// carries that stage's name, as the envelope's own lines do.
+#define REPORT_STAGE_ERROR(...)                                                              \
+  do {                                                                                       \
+    if (LogSink.level < 5)                                                                   \
+      log_write("ERROR", "send_encrypted_attack_log", __LINE__, __VA_ARGS__);                \
+  } while (0)
+
+// strerror_r in either flavour: the GNU one returns its text, the XSI one
+// fills buf. Sends run on the sender's worker thread and on the main loop
+// at once, and strerror may share one buffer between them.
+[[maybe_unused]] static const char *pick_error_text(const char *gnu_text, const char *buf) {
+  (void)buf;
+  return gnu_text;
+}
+[[maybe_unused]] static const char *pick_error_text(int xsi_result, const char *buf) {
+  return xsi_result == 0 ? buf : "unknown error";
+}
+static const char *error_text(int err, char *buf, size_t size) {
+  memset(buf, 0, size);
+  return pick_error_text(strerror_r(err, buf, size), buf);
+}
 
 int frame_syslog_message(char kind, const char *text, char *out, size_t out_size) {
   if (out == NULL || out_size == 0) return -1;
@@ -119,34 +143,35 @@ int send_to_syslog_server(const char *host, int port, const char *message) {
   memset(&addr, 0, sizeof addr);
   addr.sin_family = AF_INET;
   memcpy(&addr.sin_addr, found->h_addr_list[0], 4);
+  char why[ERROR_TEXT_SIZE];
   if (port <= 0 || port > PORT_MAX) {
-    DLOG_ERROR("connect() error:%s", strerror(EINVAL));
+    DLOG_ERROR("connect() error:%s", error_text(EINVAL, why, sizeof why));
     return -1;
   }
   addr.sin_port = htons((uint16_t)port);
 
   int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) {
-    DLOG_ERROR("sock() error:%s", strerror(errno));
+    DLOG_ERROR("sock() error:%s", error_text(errno, why, sizeof why));
     return -1;
   }
   // A buffer for a whole report, so a report leaves in one send; a
   // refusal only costs more sends.
   int sndbuf = SHIP_SNDBUF_SIZE;
   if (setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &sndbuf, sizeof sndbuf) != 0)
-    DLOG_ERROR("set SO_SNDBUF error:%s", strerror(errno));
+    DLOG_ERROR("set SO_SNDBUF error:%s", error_text(errno, why, sizeof why));
   // Without the send timeout a stalled collector would block the loop for
   // good, so its failure ends the attempt.
   struct timeval timeout;
   memset(&timeout, 0, sizeof timeout);
   timeout.tv_sec = SHIP_SEND_TIMEOUT_SEC;
   if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) != 0) {
-    DLOG_ERROR("set SO_SNDTIMEO error:%s", strerror(errno));
+    REPORT_STAGE_ERROR("set SO_SNDTIMEO error:%s", error_text(errno, why, sizeof why));
     close(fd);
     return -1;
   }
   if (connect_within(fd, &addr, SHIP_CONNECT_TIMEOUT_MS) != 0) {
-    DLOG_ERROR("connect() error:%s", strerror(errno));
+    DLOG_ERROR("connect() error:%s", error_text(errno, why, sizeof why));
     close(fd);
     return -1;
   }
@@ -158,7 +183,7 @@ int send_to_syslog_server(const char *host, int port, const char *message) {
     ssize_t n = send(fd, message + sent, len - sent, MSG_NOSIGNAL);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
-      DLOG_ERROR("send() error:%s", n < 0 ? strerror(errno) : "nothing sent");
+      DLOG_ERROR("send() error:%s", n < 0 ? error_text(errno, why, sizeof why) : "nothing sent");
       close(fd);
       return -1;
     }

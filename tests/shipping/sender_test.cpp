@@ -124,7 +124,10 @@ TEST_F(Sender, ReloadTakesGoodSettingsAndKeepsOldOnBrokenOnes) {
   ASSERT_EQ(0, parser_save(PARSER_RANDTIME, "24 4"));  // no such hour
   testing::internal::CaptureStdout();
   EXPECT_EQ(-1, s.reload_config());
+  ASSERT_EQ(0, parser_save(PARSER_RANDTIME, "1 2147483647"));  // hours that never come
+  EXPECT_EQ(0, s.reload_config());
   testing::internal::GetCapturedStdout();
+  EXPECT_EQ(24, s.report_hour_span());
 }
 
 TEST_F(Sender, OverTheRateOrBeyondTheQueueRecordsAreDroppedAndCountedOnce) {
