@@ -1,12 +1,10 @@
 // Black-box tests of the mox_conf tool: the real binary on the real store,
 // with the release files of the repository installed in the sandbox, and a
 // real nginx checking what it generates.
-#include <errno.h>
 #include <fcntl.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
-#include <poll.h>
 #include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -21,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "run_binary.h"
 #include "sandbox.h"
 #include "store/store.h"
 
@@ -32,49 +31,12 @@ const char kNginxConf[] = "/tmp/mox/release/nginx/nginx.conf";
 const char kQspConf[] = "/tmp/mox/release/conf_shared/qsp_conf.json";
 const char kNginx[] = "/usr/sbin/nginx";
 
-struct Result {
-  int code;
-  std::string out, err;
-};
+using Result = RunResult;
 
 // Runs mox_conf with args, collecting both outputs and the exit code.
 Result mox_conf(std::vector<std::string> args) {
-  std::vector<char *> argv{const_cast<char *>("mox_conf")};
-  for (std::string &a : args) argv.push_back(&a[0]);
-  argv.push_back(nullptr);
-  int out[2], err[2];
-  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) return {-1, "", "pipe"};
-  pid_t pid = fork();
-  if (pid == 0) {
-    dup2(out[1], STDOUT_FILENO);
-    dup2(err[1], STDERR_FILENO);
-    execv(sandbox_conf_path(), argv.data());
-    _exit(127);
-  }
-  close(out[1]);
-  close(err[1]);
-  Result r{-1, "", ""};
-  struct pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-  std::string *sinks[2] = {&r.out, &r.err};
-  for (int open_fds = 2; open_fds > 0;) {
-    if (poll(fds, 2, -1) < 0 && errno != EINTR) break;
-    for (int i = 0; i < 2; i++) {
-      if (fds[i].fd < 0 || fds[i].revents == 0) continue;
-      char buf[4096];
-      ssize_t n = read(fds[i].fd, buf, sizeof buf);
-      if (n > 0) {
-        sinks[i]->append(buf, (size_t)n);
-      } else {
-        close(fds[i].fd);
-        fds[i].fd = -1;
-        open_fds--;
-      }
-    }
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  r.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  return r;
+  args.insert(args.begin(), "mox_conf");
+  return run_binary(sandbox_conf_path(), args);
 }
 
 std::string slurp(const std::string &path) {

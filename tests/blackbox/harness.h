@@ -1,0 +1,252 @@
+// Harness of the black-box tests: the real mox_logd, watched only from outside.
+#pragma once
+
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <time.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <map>
+
+#include "run_binary.h"  // also fcntl, unistd, sys/wait, string and vector
+#include "sandbox.h"
+
+const char kLogPath[] = "/tmp/mox/log/logd.log";
+const char kLockPath[] = "/tmp/mox/lock_writer.dat";
+const char kAttackSock[] = "/tmp/mox/log/attack.sock";
+const char kAccessSock[] = "/tmp/mox/log/access.sock";
+const char kStatPath[] = "/tmp/mox/log/stat";
+// Every log line and a one-second loop period.
+const char kFastRzpz[] = "mox_logd=0\nmox_logd_period=1\n";
+const char kOutside[] = "203.0.113.9";
+
+typedef std::map<int, std::string> Columns;
+// One record of each class, by the field that decides it. From outside the LAN
+// classes 1 to 5 count as intrusion_attempt, automated_attack, unauthorized_access,
+// browser_hijacking and password_guessing; from inside, as internal_attack.
+const Columns kClass1 = {{34, "1-1-7"}};
+const Columns kClass2Flag = {{12, "134217728"}};
+const Columns kClass2Bot = {{28, "38"}};
+const Columns kClass3 = {{5, "1"}};
+const Columns kClass4 = {{25, "22"}};
+const Columns kClass5 = {{9, "-10"}};
+
+// Polls every nap_ms until done or the time is up; done's last answer.
+inline bool wait_for(const std::function<bool()> &done, double seconds, long nap_ms = 20) {
+  auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  for (struct timespec nap = {0, nap_ms * 1000 * 1000}; !done(); nanosleep(&nap, nullptr))
+    if (std::chrono::steady_clock::now() >= end) return done();
+  return true;
+}
+
+inline std::string read_file(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+inline bool write_text(const std::string &path, const std::string &text) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  return out.write(text.data(), (std::streamsize)text.size()).flush().good();
+}
+
+inline size_t count_of(const std::string &hay, const std::string &needle) {
+  size_t n = 0;
+  for (size_t at = hay.find(needle); at != std::string::npos; at = hay.find(needle, at + 1)) n++;
+  return n;
+}
+
+inline bool in_log(const std::string &text) {
+  return read_file(kLogPath).find(text) != std::string::npos;
+}
+
+inline bool write_rzpz(const char *text) {
+  mkdir("/media/nand", 0755);
+  mkdir("/media/nand/mox_data", 0755);
+  return write_text("/media/nand/mox_data/rzpz", text);
+}
+
+inline sockaddr_un unix_addr(const char *path) {
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path);
+  return addr;
+}
+
+// A bound socket that accepts a connection belongs to a live process.
+inline bool socket_live(const char *path) {
+  int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return false;
+  sockaddr_un addr = unix_addr(path);
+  bool live = connect(fd, (sockaddr *)&addr, sizeof addr) == 0;
+  close(fd);
+  return live;
+}
+
+inline std::string header(const char *source, const char *title = "Automatic Block") {
+  return std::string("<11>Nov 22 10:00:00 nginx: mox: [") + title + "] Attack from: " + source +
+         ", port 51000, rule 942100 ATTACK=I:";
+}
+
+// A full 51-column record; columns not named hold a value that marks nothing.
+inline std::string record(const Columns &set, const char *source = kOutside,
+                          const char *title = "Automatic Block") {
+  std::string text = header(source, title);
+  for (int col = 1; col <= 51; col++) {
+    auto it = set.find(col);
+    if (col > 1) text += ':';
+    bool zero = (col >= 5 && col <= 9) || col == 12 || col == 25 || col == 28 || col == 32;
+    text += it != set.end() ? it->second : col == 34 ? "0-0-0" : zero ? "0" : "1";
+  }
+  return text;
+}
+
+// fork and exec with our environment less clock faking, plus TZ=UTC and extra_env; stdin
+// /dev/null, output to out_path (or /dev/null), own process group if asked. pid, or -1.
+inline pid_t spawn(std::vector<std::string> argv, const std::vector<std::string> &extra_env,
+                   const char *out_path, bool own_group) {
+  std::vector<std::string> env = extra_env;
+  env.push_back("TZ=UTC");
+  for (char **e = environ; *e; e++)
+    if (std::strncmp(*e, "LD_PRELOAD=", 11) && std::strncmp(*e, "FAKETIME", 8) &&
+        std::strncmp(*e, "TZ=", 3))
+      env.push_back(*e);
+  std::vector<char *> args, envp;
+  for (std::string &a : argv) args.push_back(&a[0]);
+  for (std::string &e : env) envp.push_back(&e[0]);
+  args.push_back(nullptr);
+  envp.push_back(nullptr);
+  pid_t pid = fork();
+  if (pid == 0) {
+    if (own_group) setpgid(0, 0);
+    int in = open("/dev/null", O_RDONLY);
+    int fd = open(out_path ? out_path : "/dev/null", O_WRONLY | O_CREAT | O_APPEND, 0644);
+    if (in < 0 || fd < 0) _exit(126);
+    dup2(in, 0);
+    dup2(fd, 1);
+    dup2(fd, 2);
+    execve(args[0], args.data(), envp.data());
+    _exit(127);
+  }
+  return pid;
+}
+
+// Owns every process a test starts and stops each by pid in TearDown.
+class BlackboxTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    // The daemon forks away from its starter; as subreaper the test gets it
+    // back as a child, can reap it and read its exit status.
+    ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0), 0);
+    send_fd_ = own_fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    ASSERT_GE(send_fd_, 0);
+  }
+
+  void TearDown() override {
+    // Helpers such as nginx first, so nothing more reaches the daemon.
+    for (pid_t pid : helpers_) end_process(pid, -pid);
+    for (pid_t pid : daemons_)
+      if (!end_process(pid, pid)) ADD_FAILURE() << "daemon " << pid << " ignored SIGTERM";
+    // Whatever the daemon left behind and we inherited as subreaper.
+    while (waitpid(-1, nullptr, WNOHANG) > 0) continue;
+    for (int fd : fds_) close(fd);
+    if (sandbox_ready()) {
+      sandbox_del_br0();
+      sandbox_wipe("/tmp/mox");
+      sandbox_wipe("/media/nand");
+      unlink("/dev/zvlog");
+      unlink("/dev/log");
+    }
+  }
+
+  int own_fd(int fd) {  // closed in TearDown
+    if (fd >= 0) fds_.push_back(fd);
+    return fd;
+  }
+
+  // Reaps the pid if it has ended; false once it is gone.
+  bool alive(pid_t pid) {
+    int status = 0;
+    if (waitpid(pid, &status, WNOHANG) == pid) ended_[pid] = status;
+    return ended_.count(pid) == 0 && kill(pid, 0) == 0;
+  }
+
+  // SIGTERM to target (pid, or -pid for its group), SIGKILL 10 s later (then false).
+  bool end_process(pid_t pid, pid_t target) {
+    if (!alive(pid)) return true;
+    kill(target, SIGTERM);
+    if (wait_for([&] { return !alive(pid); }, 10)) return true;
+    kill(target, SIGKILL);
+    waitpid(pid, nullptr, 0);
+    return false;
+  }
+
+  // A helper program in its own process group, ended in TearDown.
+  pid_t spawn_helper(const std::vector<std::string> &argv, const std::string &out_path) {
+    pid_t pid = spawn(argv, {}, out_path.c_str(), true);
+    if (pid > 0) helpers_.push_back(pid);
+    return pid;
+  }
+
+  // Runs the binary; the started process itself must end at once with 0.
+  bool launch(const std::vector<std::string> &env = {}) {
+    pid_t starter = spawn({sandbox_logd_path()}, env, nullptr, false);
+    int status = 0;
+    return starter > 0 && waitpid(starter, &status, 0) == starter && WIFEXITED(status) &&
+           WEXITSTATUS(status) == 0;
+  }
+
+  // Starts the daemon in /tmp/mox (which the firmware provides) and waits
+  // until a new pid holds the lock and both sockets. Its pid, or -1.
+  pid_t start_daemon(const std::vector<std::string> &env = {}) {
+    mkdir("/tmp/mox", 0755);
+    if (!launch(env)) return -1;
+    pid_t pid = -1;
+    bool up = wait_for([&] {
+      pid = (pid_t)std::atol(read_file(kLockPath).c_str());
+      return pid > 0 && std::count(daemons_.begin(), daemons_.end(), pid) == 0 && alive(pid) &&
+             socket_live(kAttackSock) && socket_live(kAccessSock);
+    }, 10);
+    if (!up) return -1;
+    daemons_.push_back(pid);
+    return pid;
+  }
+
+  // SIGTERM and wait until the process is gone; its wait status, or -1.
+  int stop_daemon(pid_t pid) {
+    if (kill(pid, SIGTERM) != 0 || !wait_for([&] { return !alive(pid); }, 10)) return -1;
+    auto it = ended_.find(pid);
+    return it == ended_.end() ? -1 : it->second;
+  }
+
+  bool send_to(const char *path, const std::string &text) {
+    sockaddr_un addr = unix_addr(path);
+    return sendto(send_fd_, text.data(), text.size(), 0, (sockaddr *)&addr, sizeof addr) ==
+           (ssize_t)text.size();
+  }
+
+  // What the daemon left behind, for failure messages.
+  std::string state() {
+    std::string log = read_file(kLogPath);
+    size_t from = log.size() > 3000 ? log.find('\n', log.size() - 3000) : std::string::npos;
+    return "lock=\"" + std::string(read_file(kLockPath).c_str()) + "\" attack.sock " +
+           (socket_live(kAttackSock) ? "live" : "dead") + " access.sock " +
+           (socket_live(kAccessSock) ? "live" : "dead") + "\nlog (tail):\n" +
+           (from == std::string::npos ? log : log.substr(from + 1));
+  }
+
+  int send_fd_ = -1;
+  std::vector<int> fds_;
+  std::vector<pid_t> daemons_, helpers_;
+  std::map<pid_t, int> ended_;
+};
