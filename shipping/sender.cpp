@@ -227,9 +227,10 @@ int RateLimitLogSender::recv_access_log(int fd) {
   if (n < 0) return -1;
   m_access_received++;
   pthread_mutex_lock(&m_lock);
-  if (m_server_host[0] == '\0' || !m_worker_running) {
+  if (m_server_host[0] == '\0') {
     // Nowhere to ship: not a loss to count.
-  } else if (m_queue_count == ACCESS_QUEUE_SLOTS) {
+  } else if (m_queue_count == ACCESS_QUEUE_SLOTS || !m_worker_running) {
+    // Without a worker nothing would ever empty the queue.
     m_dropped_full++;
   } else if (!take_token()) {
     m_dropped_rate++;
@@ -247,6 +248,8 @@ int RateLimitLogSender::recv_access_log(int fd) {
 uint32_t RateLimitLogSender::access_dropped() const { return m_dropped_full + m_dropped_rate; }
 
 int RateLimitLogSender::timeout_tick() {
+  // A worker that could not be created is tried again once a period.
+  if (!m_worker_running) start_thread();
   pthread_mutex_lock(&m_lock);
   uint32_t full = m_dropped_full, rate = m_dropped_rate;
   pthread_mutex_unlock(&m_lock);

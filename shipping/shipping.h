@@ -60,8 +60,9 @@ class RateLimitLogSender {
   // the store unreadable, and the old settings stay in force.
   int reload_config();
 
-  // Work at each timeout: logs the access records dropped since the last
-  // one, once. Returns 0.
+  // Work at each timeout: starts the worker if it could not be started
+  // before, and logs the access records dropped since the last timeout,
+  // once. Returns 0.
   int timeout_tick();
 
   // Divisor and base of the daily report hour; the span is never 0.
