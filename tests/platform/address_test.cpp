@@ -68,15 +68,12 @@ class InterfaceTest : public TempDirTest {
 
 TEST_F(InterfaceTest, Ipv4InsideBr0Network) {
   ASSERT_EQ(sandbox_add_br0("192.168.77.1/24"), 0);
-  EXPECT_EQ(is_internal_addr("192.168.77.200"), 1);
-  EXPECT_EQ(is_internal_addr("192.168.77.1"), 1);
-  EXPECT_EQ(is_internal_addr("192.168.78.1"), 0);
-  EXPECT_EQ(is_internal_addr("192.168.77.999"), 0);
+  for (const char *inside : {"192.168.77.200", "192.168.77.1"}) EXPECT_EQ(is_internal_addr(inside), 1) << inside;
+  for (const char *outside : {"192.168.78.1", "192.168.77.999"}) EXPECT_EQ(is_internal_addr(outside), 0) << outside;
   char lan[IPV4_TEXT_SIZE] = {0};
   EXPECT_EQ(get_lan_ip(lan), 0);
   EXPECT_STREQ(lan, "192.168.77.1");
-  EXPECT_EQ(is_local_address("192.168.77.1"), 1);
-  EXPECT_EQ(is_local_address("0.0.0.0"), 1);
+  EXPECT_TRUE(is_local_address("192.168.77.1") == 1 && is_local_address("0.0.0.0") == 1);
 }
 
 TEST_F(InterfaceTest, WithoutBr0NothingIsInternal) {
@@ -96,13 +93,12 @@ TEST_F(InterfaceTest, Ipv6ComparesWholePrefixBytes) {
   EXPECT_EQ(get_iface_ipv6("br0", text, &prefix), 1);
   EXPECT_STREQ(text, "fd00:77::1");
   EXPECT_EQ(prefix, 60);
-  EXPECT_EQ(is_internal_addr("fd00:77::99"), 1);
-  EXPECT_EQ(is_internal_addr("fd00:77:0:ff::1"), 1);  // bits of byte 7 are not compared
+  for (const char *inside : {"fd00:77::99", "fd00:77:0:ff::1"})  // bits of byte 7 are not compared
+    EXPECT_EQ(is_internal_addr(inside), 1) << inside;
   EXPECT_EQ(is_internal_addr("fd00:78::1"), 0);
   EXPECT_EQ(is_internal_addr("192.168.77.5:80"), 0);  // a colon makes it IPv6
-  EXPECT_EQ(is_local_address("[fd00:77::1]"), 1);
+  for (const char *local : {"[fd00:77::1]", "[::]"}) EXPECT_EQ(is_local_address(local), 1) << local;
   EXPECT_EQ(is_local_address("[fe80::1]"), 0);
-  EXPECT_EQ(is_local_address("[::]"), 1);
 }
 
 TEST_F(InterfaceTest, TableRowsDecideTheIpv6Network) {

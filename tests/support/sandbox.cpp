@@ -55,6 +55,13 @@ int sandbox_enter(void) {
 
   if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) return fail("unshare(CLONE_NEWNS|CLONE_NEWNET)");
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return fail("make / private");
+  // The source and build trees may themselves lie under /tmp (a CI clone):
+  // hold them open now and bind them back at their paths once /tmp is new.
+  const char *trees[] = {MOX_SOURCE_DIR, MOX_BINARY_DIR};
+  int tree_fds[2] = {-1, -1};
+  for (int i = 0; i < 2; i++)
+    if (std::strncmp(trees[i], "/tmp/", 5) == 0)
+      tree_fds[i] = open(trees[i], O_PATH | O_DIRECTORY | O_CLOEXEC);
   // The devices are staged on a scratch tmpfs, since the host's /dev is
   // about to be hidden, then bound into the private /dev.
   const char *devices[] = {"null", "zero", "urandom"};
@@ -74,6 +81,15 @@ int sandbox_enter(void) {
   if (umount2("/tmp", MNT_DETACH) != 0) return fail("umount scratch /tmp");
   if (mount("none", "/tmp", "tmpfs", 0, "mode=1777") != 0) return fail("tmpfs on /tmp");
   if (mount("none", "/media", "tmpfs", 0, "mode=755") != 0) return fail("tmpfs on /media");
+  for (int i = 0; i < 2; i++) {
+    if (tree_fds[i] < 0) continue;
+    char source[64];
+    std::snprintf(source, sizeof source, "/proc/self/fd/%d", tree_fds[i]);
+    if (run(std::string("mkdir -p '") + trees[i] + "'") != 0 ||
+        mount(source, trees[i], nullptr, MS_BIND | MS_REC, nullptr) != 0)
+      return fail(trees[i]);
+    close(tree_fds[i]);
+  }
   if (run("ip link set lo up") != 0) {
     std::snprintf(reason, sizeof reason, "ip link set lo up failed (is iproute2 installed?)");
     return -1;
