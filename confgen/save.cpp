@@ -56,6 +56,30 @@ static int line_named(const char *line, size_t name_len, const char *other, char
   return name_len > 0 && strncmp(line, other, name_len) == 0 && other[name_len] == stop;
 }
 
+// Walks the proxy lines from start, a line's name being what stands before
+// its first space. Stops at the newline of the first line whose name equals
+// other's up to the byte stop, at a '}', or at the end of the text; *line
+// gets the start of the line the walk stopped in.
+static const char *walk_proxy_lines(const char *start, const char *other, char stop,
+                                    const char **line) {
+  *line = start;
+  size_t name_len = 0;
+  int named = 0;
+  const char *p = start;
+  for (; *p != '\0' && *p != '}'; p++) {
+    if (*p == '\n') {
+      if (line_named(*line, name_len, other, stop)) return p;
+      *line = p + 1;
+      name_len = 0;
+      named = 0;
+    } else if (*p == ' ' && !named) {
+      named = 1;
+      name_len = (size_t)(p - *line);
+    }
+  }
+  return p;
+}
+
 // An ordinary section: replaced where the key stands, or added at the end.
 // Without a '}' behind the key, whatever stood behind it is lost.
 static void build_section(TextBuilder *b, const char *old_text, size_t old_len, const char *key,
@@ -90,34 +114,17 @@ static int build_proxy(TextBuilder *b, const char *old_text, size_t old_len, con
   }
   put(b, old_text, header_end);
 
-  const char *line = old_text + header_end;
-  size_t name_len = 0;
-  int named = 0;
-  for (const char *p = line; *p != '\0'; p++) {
-    if (*p == '}') {
-      // No line had the name: the new one goes last. A '}' inside a line
-      // ends the walk there, and that line's start gives way to text.
-      put_str(b, text);
-      put(b, "\n", 1);
-      put_str(b, p);
-      return 0;
-    }
-    if (*p == '\n') {
-      if (line_named(line, name_len, text, ' ')) {
-        put_str(b, text);
-        put_str(b, p);
-        return 0;
-      }
-      put(b, line, (size_t)(p - line) + 1);
-      line = p + 1;
-      name_len = 0;
-      named = 0;
-    } else if (*p == ' ' && !named) {
-      named = 1;
-      name_len = (size_t)(p - line);
-    }
-  }
-  return -1;
+  const char *line = NULL;
+  const char *p = walk_proxy_lines(old_text + header_end, text, ' ', &line);
+  put(b, old_text + header_end, (size_t)(line - (old_text + header_end)));
+  if (*p == '\0') return -1;
+  put_str(b, text);
+  // A name that matched keeps its place; a new one goes last, in front of
+  // the '}'. A '}' inside a line ends the walk there, and that line's start
+  // gives way to text.
+  if (*p == '}') put(b, "\n", 1);
+  put_str(b, p);
+  return 0;
 }
 
 int parser_save(int id, const char *text) {
@@ -202,26 +209,13 @@ int parser_delete(int id, const char *name) {
     // One line: name must be the line's whole name, with nothing behind it.
     const char *p = hit + strlen(key);
     for (int i = 0; i < SECTION_HEADER_TAIL && *p != '\0'; i++) p++;
-    const char *line = p;
-    size_t name_len = 0;
-    int named = 0;
-    for (; *p != '\0' && *p != '}'; p++) {
-      if (*p == '\n') {
-        if (line_named(line, name_len, name, '\0')) {
-          put(&b, old_text, (size_t)(line - old_text));
-          put_str(&b, p + 1);
-          sec_write_conf(b.text, (int)b.used);
-          return 0;
-        }
-        line = p + 1;
-        name_len = 0;
-        named = 0;
-      } else if (*p == ' ' && !named) {
-        named = 1;
-        name_len = (size_t)(p - line);
-      }
-    }
-    return -1;
+    const char *line = NULL;
+    p = walk_proxy_lines(p, name, '\0', &line);
+    if (*p != '\n') return -1;
+    put(&b, old_text, (size_t)(line - old_text));
+    put_str(&b, p + 1);
+    sec_write_conf(b.text, (int)b.used);
+    return 0;
   }
 
   // The whole section, up to its '}' and the newline behind it.

@@ -27,6 +27,16 @@ TEST_F(ParserSaveTest, ProxyLinesByFullName) {
   EXPECT_EQ(stored(), "logserver={\nx\n}\nproxy={\nnew 1 2\n}\n");
   EXPECT_EQ(parser_delete(PARSER_PROXY, nullptr), 0);
   EXPECT_EQ(stored(), "logserver={\nx\n}\n");
+
+  // A '}' inside a line ends the walk there: that line's start gives way.
+  set_store("proxy={\nsite 1 2\nbad }\n");
+  EXPECT_EQ(parser_save(PARSER_PROXY, "new 3 4"), 0);
+  EXPECT_EQ(stored(), "proxy={\nsite 1 2\nnew 3 4\n}\n");
+  // A section with no end keeps its whole lines and does not take the text.
+  set_store("proxy={\nsite 1 2\ncut");
+  EXPECT_EQ(parser_save(PARSER_PROXY, "new 3 4"), 0);
+  EXPECT_EQ(stored(), "proxy={\nsite 1 2\n");
+  EXPECT_EQ(parser_delete(PARSER_PROXY, "new"), -1);
 }
 
 TEST_F(ParserSaveTest, SectionsReplacedInPlaceAndBraceRules) {
