@@ -10,3 +10,11 @@ time_t clock_now(void) {
 }
 
 void clock_set(time_t t) { pinned_time = t; }
+
+int64_t monotonic_ms(void) {
+  struct timespec now;
+  now.tv_sec = 0;
+  now.tv_nsec = 0;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return (int64_t)now.tv_sec * 1000 + now.tv_nsec / 1000000;
+}

@@ -4,6 +4,7 @@
 // diagnostic log, so that every other folder may use them.
 #pragma once
 
+#include <stdint.h>
 #include <sys/types.h>
 #include <time.h>
 
@@ -47,6 +48,11 @@ time_t clock_now(void);
 
 // Test seam: pins clock_now to t; 0 returns it to the system clock.
 void clock_set(time_t t);
+
+// Milliseconds on the monotonic clock, for every wait, pause and rate: a
+// wall clock set back or forward (NTP after a boot without RTC) moves
+// neither.
+int64_t monotonic_ms(void);
 
 // ---- settings file ----------------------------------------------------------
 

@@ -43,16 +43,6 @@ int get_device_name(char *out, size_t size) {
   return 0;
 }
 
-// Elapsed milliseconds for the command's bound. CLOCK_MONOTONIC, not the
-// clock_now seam: a bound needs elapsed time, which a pinned or reset wall
-// clock cannot give.
-static long long monotonic_ms(void) {
-  struct timespec now;
-  memset(&now, 0, sizeof now);
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return (long long)now.tv_sec * 1000 + now.tv_nsec / 1000000;
-}
-
 // exec_cmd with a deadline. The report runs on the main loop's thread, and
 // popen's read and pclose would wait for a routerinfo that hangs for as
 // long as it hangs, with both sockets. The command runs in a process group
@@ -83,10 +73,10 @@ static int run_bounded(const char *cmd, char *out, size_t size, int timeout_ms, 
     return -1;
   }
 
-  long long deadline = monotonic_ms() + timeout_ms;
+  int64_t deadline = monotonic_ms() + timeout_ms;
   size_t got = 0;
   while (got < size) {
-    long long left = deadline - monotonic_ms();
+    int64_t left = deadline - monotonic_ms();
     if (left <= 0) {
       *timed_out = 1;
       break;

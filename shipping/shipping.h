@@ -270,6 +270,46 @@ int send_to_syslog_server(const char *host, int port, const char *message);
 // success; -1 otherwise, and the caller keeps the fragment for later.
 int send_encrypted_attack_log(const char *host, int port, const char *fragment);
 
+// ---- collectors and transports ----------------------------------------------
+//
+// A stored collector value names its transport by an optional scheme:
+// "[tcp://|relp://]HOST:PORT". Without one it is tcp. Messages handed to a
+// transport are complete syslog messages ("<190>TIME HOST mox_logd: MOX1
+// K ..."), without framing.
+
+#define SHIP_TRANSPORT_TCP 0
+#define SHIP_TRANSPORT_RELP 1
+#define SHIP_RELP_TIMEOUT_SEC 5        // a RELP answer (open, ack, close), at most
+
+// One collector.
+struct ShipTarget {
+  int32_t transport;                   // SHIP_TRANSPORT_
+  char host[SENDER_HOST_SIZE];
+  int32_t port;                        // 1..65535
+};
+
+// The worker's one RELP session, kept open between sends. Used by the
+// worker alone: no lock guards it.
+struct RelpLink;
+
+// A link without a session yet; null when out of memory.
+RelpLink *relp_link_new(void);
+
+// Sends count messages (msgs[i] of lens[i] bytes) in order on the kept
+// session to target, connecting first when there is no session, and
+// reconnecting a broken one, after which librelp itself resends the
+// messages the receiver had not yet acknowledged. A target other than the
+// session's closes the old session first. The number of leading messages
+// the session took, 0..count; below count the failure is logged and the
+// caller keeps the rest for a later try.
+int relp_link_send(RelpLink *link, const ShipTarget *target, const char *const *msgs,
+                   const size_t *lens, int count);
+
+// Closes the session (waiting up to SHIP_RELP_TIMEOUT_SEC for the
+// receiver's outstanding acknowledgements) and frees the link. Null is
+// allowed.
+void relp_link_free(RelpLink *link);
+
 // ---- collector side -----------------------------------------------------------
 
 #define OPEN_NO_MARKER -1   // no "MOX1 " in the text: not one of ours
