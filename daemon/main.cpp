@@ -32,9 +32,11 @@ int main(int argc, char **argv) {
 
   if (daemon(0, 0) == -1) DLOG_ERROR("daemon error ... %s\n", std::strerror(errno));
 
-  // Losing the lock only leaves the task unnamed; a second instance is
-  // turned away by the live sockets below.
-  if (lock_pid_file(LOCK_PATH) == 0)
+  // Losing the lock leaves the task unnamed and the instance silent: the
+  // live sockets below turn it away from the records, and its sender ships
+  // nothing, so the running daemon's reports never go out twice.
+  int holds_lock = lock_pid_file(LOCK_PATH) == 0;
+  if (holds_lock)
     set_process_name(PROCESS_NAME);
   else
     DLOG_DEBUG("mox_logd is running.");
@@ -52,7 +54,7 @@ int main(int argc, char **argv) {
 
   log_init(LOG_PATH, PROCESS_NAME, LOG_MASK_FILE);
 
-  RateLimitLogSender sender("", 0);
+  RateLimitLogSender sender("", holds_lock ? 0 : SENDER_NO_SHIPPING);
 
   DLOG_INFO("logd loop start, pid=%d", getpid());
 

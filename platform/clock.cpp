@@ -11,7 +11,12 @@ time_t clock_now(void) {
 
 void clock_set(time_t t) { pinned_time = t; }
 
+static int64_t pinned_ms;  // 0: follow the monotonic clock
+
+void monotonic_set(int64_t ms) { pinned_ms = ms; }
+
 int64_t monotonic_ms(void) {
+  if (pinned_ms != 0) return pinned_ms;
   struct timespec now;
   now.tv_sec = 0;
   now.tv_nsec = 0;

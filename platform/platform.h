@@ -54,6 +54,9 @@ void clock_set(time_t t);
 // neither.
 int64_t monotonic_ms(void);
 
+// Test seam: pins monotonic_ms to ms; 0 returns it to the system clock.
+void monotonic_set(int64_t ms);
+
 // ---- settings file ----------------------------------------------------------
 
 // Looks up key in a file of "key=value" lines: the key is everything before

@@ -8,6 +8,7 @@
 #include <openssl/pem.h>
 #include <openssl/rand.h>
 #include <openssl/rsa.h>
+#include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -31,13 +32,33 @@ const char *seal_error_text(int code) {
   }
 }
 
-int public_encrypt(const char *pem, const unsigned char *data, size_t len, unsigned char *out,
-                   size_t out_size) {
-  if (pem == NULL || data == NULL || out == NULL) return -1;
+// Parsing a PEM key costs far more than wrapping one message key with it,
+// so each key text is parsed once and kept for the life of the process,
+// found again by its content. The daemon has two texts; tests a few more.
+#define KEY_CACHE_SLOTS 8
+static pthread_mutex_t key_cache_lock = PTHREAD_MUTEX_INITIALIZER;
+static struct {
+  char *pem;             // a copy of the text
+  EVP_PKEY *key;
+} key_cache[KEY_CACHE_SLOTS];
+
+// The parsed RSA public key of pem with a reference of the caller's own
+// (EVP_PKEY_free it), from the cache or parsed now. Null when it does not
+// parse as RSA ("Failed to create key BIO", "Failed to create RSA" logged).
+static EVP_PKEY *public_key_of(const char *pem) {
+  EVP_PKEY *found = NULL;
+  pthread_mutex_lock(&key_cache_lock);
+  for (int i = 0; i < KEY_CACHE_SLOTS && found == NULL; i++)
+    if (key_cache[i].key != NULL && strcmp(key_cache[i].pem, pem) == 0 &&
+        EVP_PKEY_up_ref(key_cache[i].key) == 1)
+      found = key_cache[i].key;
+  pthread_mutex_unlock(&key_cache_lock);
+  if (found != NULL) return found;
+
   BIO *bio = BIO_new_mem_buf(pem, -1);
   if (bio == NULL) {
     DLOG_ERROR("Failed to create key BIO");
-    return -1;
+    return NULL;
   }
   EVP_PKEY *key = PEM_read_bio_PUBKEY(bio, NULL, NULL, NULL);
   BIO_free(bio);
@@ -45,8 +66,30 @@ int public_encrypt(const char *pem, const unsigned char *data, size_t len, unsig
     DLOG_ERROR("Failed to create RSA");
     EVP_PKEY_free(key);
     ERR_clear_error();
-    return -1;
+    return NULL;
   }
+  // Kept while a slot is free; past that the key is parsed at every use.
+  pthread_mutex_lock(&key_cache_lock);
+  for (int i = 0; i < KEY_CACHE_SLOTS; i++) {
+    if (key_cache[i].key != NULL) continue;
+    char *copy = strdup(pem);
+    if (copy != NULL && EVP_PKEY_up_ref(key) == 1) {
+      key_cache[i].pem = copy;
+      key_cache[i].key = key;
+    } else {
+      free(copy);
+    }
+    break;
+  }
+  pthread_mutex_unlock(&key_cache_lock);
+  return key;
+}
+
+int public_encrypt(const char *pem, const unsigned char *data, size_t len, unsigned char *out,
+                   size_t out_size) {
+  if (pem == NULL || data == NULL || out == NULL) return -1;
+  EVP_PKEY *key = public_key_of(pem);
+  if (key == NULL) return -1;
 
   int result = -1;
   size_t written = out_size;
@@ -79,6 +122,11 @@ static void put_be32(unsigned char *p, uint32_t v) {
   p[3] = (unsigned char)v;
 }
 
+static void put_be64(unsigned char *p, uint64_t v) {
+  put_be32(p, (uint32_t)(v >> 32));
+  put_be32(p + 4, (uint32_t)v);
+}
+
 // AES-256-GCM of payload into ct (same length) and tag; the header before
 // the ciphertext is the additional data. 0, or -1.
 static int gcm_encrypt(const unsigned char *key, const unsigned char *nonce,
@@ -103,19 +151,35 @@ static int gcm_encrypt(const unsigned char *key, const unsigned char *nonce,
   return ok ? 0 : -1;
 }
 
-int seal_message(char kind, const char *pem, const unsigned char *payload, size_t len,
-                 uint32_t raw_len, char *out, size_t out_size) {
+int seal_message(char kind, const char *pem, const SealMeta *meta, const unsigned char *payload,
+                 size_t len, uint32_t raw_len, char *out, size_t out_size) {
   if (out == NULL || out_size == 0) return SEAL_BAD_ARGUMENT;
   out[0] = '\0';
-  if ((kind != SHIP_KIND_ATTACK && kind != SHIP_KIND_ACCESS) || pem == NULL ||
+  if ((kind != SHIP_KIND_ATTACK && kind != SHIP_KIND_ACCESS) || pem == NULL || meta == NULL ||
       (payload == NULL && len > 0) || len > SHIP_PLAIN_MAX)
     return SEAL_BAD_ARGUMENT;
+  size_t device_len = strnlen(meta->device, sizeof meta->device);
+  if (device_len >= sizeof meta->device) return SEAL_BAD_ARGUMENT;
 
+  // The identity travels enciphered in front of the content: who sent it
+  // is nobody's business but the collector's.
+  size_t meta_len = 8 + 8 + 1 + device_len;
+  unsigned char *plain = (unsigned char *)malloc(meta_len + len + 1);
   unsigned char *bin = (unsigned char *)malloc(SHIP_SEALED_MAX(len));
-  if (bin == NULL) return SEAL_NO_MEMORY;
+  if (bin == NULL || plain == NULL) {
+    free(bin);
+    free(plain);
+    return SEAL_NO_MEMORY;
+  }
+  put_be64(plain, meta->epoch);
+  put_be64(plain + 8, meta->seq);
+  plain[16] = (unsigned char)device_len;
+  memcpy(plain + 17, meta->device, device_len);
+  if (len > 0) memcpy(plain + meta_len, payload, len);
+  size_t plain_len = meta_len + len;
+
   unsigned char key[SHIP_AES_KEY_SIZE];
   memset(key, 0, sizeof key);
-
   int result = SEAL_KEY_FAILED;
   size_t at = 4;
   int wrapped = -1;
@@ -136,8 +200,9 @@ int seal_message(char kind, const char *pem, const unsigned char *payload, size_
         put_be32(bin + at, raw_len);
         at += 4;
       }
-      if (gcm_encrypt(key, nonce, bin, at, payload, len, bin + at, bin + at + len) == 0) {
-        size_t total = at + len + SHIP_TAG_SIZE;
+      if (gcm_encrypt(key, nonce, bin, at, plain, plain_len, bin + at, bin + at + plain_len) ==
+          0) {
+        size_t total = at + plain_len + SHIP_TAG_SIZE;
         if (SHIP_BASE64_SIZE(total) > out_size) {
           result = SEAL_BAD_ARGUMENT;
         } else {
@@ -148,6 +213,7 @@ int seal_message(char kind, const char *pem, const unsigned char *payload, size_
   }
   OPENSSL_cleanse(key, sizeof key);
   free(bin);
+  free(plain);
   if (result < 0) {
     out[0] = '\0';
     ERR_clear_error();

@@ -20,7 +20,7 @@
 
 const char *open_error_text(int code) {
   switch (code) {
-    case OPEN_NO_MARKER: return "no MOX1 message";
+    case OPEN_NO_MARKER: return "no MOX2 (or MOX1) message";
     case OPEN_MALFORMED: return "malformed message";
     case OPEN_NO_KEY: return "no key opens the message";
     case OPEN_TAMPERED: return "message fails its authentication tag";
@@ -80,6 +80,10 @@ static uint32_t get_be32(const unsigned char *p) {
   return (uint32_t)p[0] << 24 | (uint32_t)p[1] << 16 | (uint32_t)p[2] << 8 | p[3];
 }
 
+static uint64_t get_be64(const unsigned char *p) {
+  return (uint64_t)get_be32(p) << 32 | get_be32(p + 4);
+}
+
 // RSA-OAEP (SHA-256) unwrap of the message key. 0, or -1.
 static int unwrap_key(const char *pem, const unsigned char *wrapped, size_t wrapped_len,
                       unsigned char *key) {
@@ -134,10 +138,10 @@ static int gcm_decrypt(const unsigned char *key, const unsigned char *nonce,
 
 // The sealed binary, checked and opened. On success *plain is the content
 // (inflated for an access block), terminated one byte past *plain_len.
-static int open_binary(char kind, const unsigned char *bin, size_t len, const char *const *keys,
-                       int key_count, unsigned char **plain, size_t *plain_len) {
-  if (len < 4 || bin[0] != SHIP_WIRE_VERSION || bin[1] != (unsigned char)kind)
-    return OPEN_MALFORMED;
+static int open_binary(int version, char kind, const unsigned char *bin, size_t len,
+                       const char *const *keys, int key_count, SealMeta *meta,
+                       unsigned char **plain, size_t *plain_len) {
+  if (len < 4 || bin[0] != version || bin[1] != (unsigned char)kind) return OPEN_MALFORMED;
   size_t wrapped_len = get_be16(bin + 2);
   size_t at = 4;
   if (wrapped_len == 0 || wrapped_len > SHIP_WRAPPED_KEY_MAX) return OPEN_MALFORMED;
@@ -170,10 +174,29 @@ static int open_binary(char kind, const unsigned char *bin, size_t len, const ch
     free(opened);
     return result;
   }
+  // The sender's identity leads the content from the second layout on.
+  size_t meta_len = 0;
+  SealMeta who;
+  memset(&who, 0, sizeof who);
+  if (version != SHIP_WIRE_VERSION_V1) {
+    size_t device_len = ct_len >= 17 ? opened[16] : 0;
+    if (ct_len < 17 || device_len >= sizeof who.device || 17 + device_len > ct_len) {
+      free(opened);
+      return OPEN_MALFORMED;
+    }
+    who.epoch = get_be64(opened);
+    who.seq = get_be64(opened + 8);
+    memcpy(who.device, opened + 17, device_len);
+    meta_len = 17 + device_len;
+  }
+  if (meta != NULL) *meta = who;
+  const unsigned char *content = opened + meta_len;
+  size_t content_len = ct_len - meta_len;
   if (kind == SHIP_KIND_ATTACK) {
-    opened[ct_len] = '\0';
+    memmove(opened, content, content_len);
+    opened[content_len] = '\0';
     *plain = opened;
-    *plain_len = ct_len;
+    *plain_len = content_len;
     return 0;
   }
 
@@ -185,7 +208,7 @@ static int open_binary(char kind, const unsigned char *bin, size_t len, const ch
     return OPEN_NO_MEMORY;
   }
   uLongf got = raw_len;
-  int z = uncompress(block, &got, opened, (uLong)ct_len);
+  int z = uncompress(block, &got, content, (uLong)content_len);
   free(opened);
   if (z != Z_OK || got != raw_len) {
     free(block);
@@ -198,14 +221,22 @@ static int open_binary(char kind, const unsigned char *bin, size_t len, const ch
 }
 
 int open_sealed_message(const char *text, size_t len, const char *const *keys, int key_count,
-                        char *kind, unsigned char **plain, size_t *plain_len) {
+                        char *kind, SealMeta *meta, unsigned char **plain, size_t *plain_len) {
   if (plain == NULL || plain_len == NULL || kind == NULL) return OPEN_MALFORMED;
   *plain = NULL;
   *plain_len = 0;
   *kind = '\0';
+  if (meta != NULL) memset(meta, 0, sizeof *meta);
   if (text == NULL) return OPEN_NO_MARKER;
+  // The current marker, else the first layout's: old captures still open.
+  int version = SHIP_WIRE_VERSION;
   const char *marker = (const char *)memmem(text, len, SHIP_MARKER, strlen(SHIP_MARKER));
+  if (marker == NULL) {
+    version = SHIP_WIRE_VERSION_V1;
+    marker = (const char *)memmem(text, len, SHIP_MARKER_V1, strlen(SHIP_MARKER_V1));
+  }
   if (marker == NULL) return OPEN_NO_MARKER;
+  static_assert(sizeof SHIP_MARKER == sizeof SHIP_MARKER_V1, "markers of one length");
   const char *p = marker + strlen(SHIP_MARKER);
   const char *end = text + len;
   if (end - p < 2 || (p[0] != SHIP_KIND_ATTACK && p[0] != SHIP_KIND_ACCESS) || p[1] != ' ')
@@ -228,7 +259,7 @@ int open_sealed_message(const char *text, size_t len, const char *const *keys, i
   size_t pad = (b64[b64_len - 1] == '=') + (b64[b64_len - 2] == '=');
   int result = OPEN_MALFORMED;
   if (n >= 0 && (size_t)n >= pad)
-    result = open_binary(k, bin, (size_t)n - pad, keys, key_count, plain, plain_len);
+    result = open_binary(version, k, bin, (size_t)n - pad, keys, key_count, meta, plain, plain_len);
   free(bin);
   if (result == 0) *kind = k;
   return result;

@@ -43,9 +43,9 @@ int get_device_name(char *out, size_t size) {
   return 0;
 }
 
-// exec_cmd with a deadline. The report runs on the main loop's thread, and
-// popen's read and pclose would wait for a routerinfo that hangs for as
-// long as it hangs, with both sockets. The command runs in a process group
+// exec_cmd with a deadline. popen's read and pclose would wait for a
+// routerinfo that hangs for as long as it hangs, and the sender's worker
+// with it. The command runs in a process group
 // of its own, so that on the deadline the whole pipeline is killed, not
 // just the shell. As with exec_cmd: one read of up to size bytes (the
 // output beyond them is not read), a trailing newline made NUL, no other
@@ -153,6 +153,18 @@ int get_device_id(char *out, size_t size) {
 
 const char *get_firmware_version(void) { return MOX_FIRMWARE_VERSION; }
 
+const char *cached_device_id(void) {
+  // The identifier never changes: ask once per process, and again only
+  // while it has found nothing. A command that had to be killed would cost
+  // the same wait at every report, so it is not asked again.
+  static char known_id[SHIP_DEVICE_ID_SIZE];
+  static int serial_cmd_hangs;
+  if (known_id[0] == '\0' && !serial_cmd_hangs &&
+      get_device_id(known_id, sizeof known_id) == -2)
+    serial_cmd_hangs = 1;
+  return known_id;
+}
+
 int json_escape(const char *text, char *out, size_t size) {
   if (text == NULL || out == NULL || size == 0) return -1;
   size_t at = 0;
@@ -193,16 +205,7 @@ int build_attack_envelope(const char *fragment, char *out, size_t size) {
   char mac[MAC_TEXT_SIZE];
   memset(mac, 0, sizeof mac);
   if (get_device_name(name, sizeof name) != 0) STAGE_ERROR("gethostname failed.");
-  // The identifier never changes, and the command behind it runs on the
-  // main loop's thread: ask once per process, and again only while it has
-  // found nothing. A command that had to be killed would cost the loop the
-  // same wait at every report, so it is not asked again.
-  static char known_id[SHIP_DEVICE_ID_SIZE];
-  static int serial_cmd_hangs;
-  if (known_id[0] == '\0' && !serial_cmd_hangs &&
-      get_device_id(known_id, sizeof known_id) == -2)
-    serial_cmd_hangs = 1;
-  memcpy(id, known_id, sizeof id);
+  memcpy(id, cached_device_id(), sizeof id);
   if (get_iface_mac(SHIP_MAC_IFACE, mac) != 0) {
     STAGE_ERROR("failed to get device mac address.");
     memset(mac, 0, sizeof mac);

@@ -1,20 +1,30 @@
 // mox_logdecode: the collector's reader of what mox_logd ships.
 //
-//   mox_logdecode -k PRIVATE_KEY.pem [-k ANOTHER.pem] [FILE...]
+//   mox_logdecode [--stats] -k PRIVATE_KEY.pem [-k ANOTHER.pem] [FILE...]
 //
 // Each input (standard input when no FILE, or "-") is either a file of
 // syslog lines as a receiver stored them, one message per line, or the raw
 // TCP stream of octet-counted frames; an input that opens with digits, a
 // blank and "<" is taken for the stream. Attack reports come out as one
 // JSON object per line, access blocks as their original records, in the
-// order received. What cannot be opened is reported on standard error and
+// order received. A message seen before (the same device, epoch, kind and
+// sequence number: a resend after an unconfirmed delivery) is dropped
+// quietly. With --stats, standard error gets one line per device, epoch
+// and kind at the end: messages decoded, duplicates dropped, sequence
+// numbers missing. What cannot be opened is reported on standard error and
 // skipped. Exit status: 0 everything decoded, 1 something skipped, 2 bad
 // usage or a key that cannot be loaded.
 #include <errno.h>
+#include <getopt.h>
+#include <inttypes.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
+
+#include <map>
+#include <set>
+#include <string>
 
 #include "shipping/shipping.h"
 
@@ -27,6 +37,54 @@
 static const char *keys[MAX_KEYS];
 static int key_count;
 static int skipped;
+
+// What one sender's epoch sent of one kind. Sequence numbers start at 1,
+// so those below the highest seen and never seen are missing.
+struct Stream {
+  std::set<uint64_t> seen;
+  unsigned long decoded = 0;
+  unsigned long duplicates = 0;
+};
+static std::map<std::string, Stream> streams;  // by device, epoch and kind
+
+// 1 when meta names a message already decoded; records it otherwise.
+// First-layout messages carry no identity and are never taken for copies.
+static int seen_before(char kind, const SealMeta &meta) {
+  if (meta.epoch == 0) return 0;
+  std::string key = std::string(meta.device) + '\0' + std::to_string(meta.epoch) + '\0' + kind;
+  Stream &s = streams[key];
+  if (!s.seen.insert(meta.seq).second) {
+    s.duplicates++;
+    return 1;
+  }
+  s.decoded++;
+  return 0;
+}
+
+// A device text as it may stand on a terminal: control bytes and blanks
+// become '?'.
+static std::string printable(const char *text) {
+  std::string out(text);
+  for (char &c : out)
+    if ((unsigned char)c <= ' ' || (unsigned char)c == 0x7f) c = '?';
+  return out.empty() ? "-" : out;
+}
+
+static void print_stats(void) {
+  for (const auto &entry : streams) {
+    const std::string &key = entry.first;
+    size_t a = key.find('\0'), b = key.find('\0', a + 1);
+    const Stream &s = entry.second;
+    uint64_t highest = s.seen.empty() ? 0 : *s.seen.rbegin();
+    unsigned long long missing = highest - (uint64_t)s.seen.size();
+    fprintf(stderr,
+            PROGRAM ": stats: device=%s epoch=%016" PRIx64 " kind=%c decoded=%lu "
+            "duplicates=%lu missing=%llu\n",
+            printable(key.substr(0, a).c_str()).c_str(),
+            (uint64_t)std::stoull(key.substr(a + 1, b - a - 1)), key[b + 1], s.decoded,
+            s.duplicates, missing);
+  }
+}
 
 // A growing read-ahead buffer over one input, so the stream test can look
 // at the first bytes without taking them from the line reader.
@@ -78,11 +136,16 @@ static void report(const char *name, const char *what, long index, const char *w
 static void decode_one(const char *name, const char *what, long index, const char *text,
                        size_t len) {
   char kind = 0;
+  SealMeta meta;
   unsigned char *plain = NULL;
   size_t plain_len = 0;
-  int rc = open_sealed_message(text, len, keys, key_count, &kind, &plain, &plain_len);
+  int rc = open_sealed_message(text, len, keys, key_count, &kind, &meta, &plain, &plain_len);
   if (rc != 0) {
     report(name, what, index, open_error_text(rc));
+    return;
+  }
+  if (seen_before(kind, meta)) {
+    free(plain);
     return;
   }
   fwrite(plain, 1, plain_len, stdout);
@@ -178,15 +241,22 @@ static void decode_input(FILE *file, const char *name) {
 }
 
 static int usage(void) {
-  fprintf(stderr, "usage: " PROGRAM " -k PRIVATE_KEY.pem [-k ANOTHER.pem] [FILE...]\n");
+  fprintf(stderr, "usage: " PROGRAM " [--stats] -k PRIVATE_KEY.pem [-k ANOTHER.pem] [FILE...]\n");
   return 2;
 }
 
 int main(int argc, char **argv) {
   char *pems[MAX_KEYS];
   memset(pems, 0, sizeof pems);
+  static const struct option options[] = {{"stats", no_argument, NULL, 's'},
+                                           {NULL, 0, NULL, 0}};
   int opt;
-  while ((opt = getopt(argc, argv, "k:")) != -1) {
+  int want_stats = 0;
+  while ((opt = getopt_long(argc, argv, "k:", options, NULL)) != -1) {
+    if (opt == 's') {
+      want_stats = 1;
+      continue;
+    }
     if (opt != 'k') return usage();
     if (key_count == MAX_KEYS) {
       fprintf(stderr, PROGRAM ": at most %d keys\n", MAX_KEYS);
@@ -220,6 +290,7 @@ int main(int argc, char **argv) {
     }
   }
   if (fflush(stdout) != 0) skipped = 1;
+  if (want_stats) print_stats();
   for (int i = 0; i < key_count; i++) free(pems[i]);
   return skipped ? 1 : 0;
 }

@@ -1,45 +1,72 @@
+// The sender: the main loop hands it access records and attack report
+// fragments and never waits; one worker thread does everything that can
+// wait on the network: it fills blocks, seals them, keeps them in a spool
+// while the collector is away, and delivers reports and blocks.
+//
+// Locking: m_lock guards what both threads touch (settings, the queue, the
+// loss counters, the report in hand). The worker holds it only to copy in
+// and out, never across sealing or a send. Everything else it keeps is its
+// own.
 #include "shipping/shipping.h"
 
+#include <errno.h>
+#include <openssl/rand.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "confgen/confgen.h"
 #include "logging/logging.h"
 #include "platform/platform.h"
 #include "store/store.h"
 
-namespace {
+#define REPORT_NONE 0        // no fragment in hand
+#define REPORT_OFFERED 1     // the worker is to deliver m_report
+#define REPORT_DELIVERED 2   // it has: the loop's next offer of it gets 1
 
-// "HOST:PORT" with an optional " RATE" behind it. 0 when it parses, with
-// rate left alone when absent; -1 otherwise.
-int parse_collector(const char *text, char *host, size_t host_size, int32_t *port,
-                    int32_t *rate) {
-  char h[SENDER_HOST_SIZE];
-  int p = 0, r = 0;
-  char extra = 0;
-  std::memset(h, 0, sizeof h);
-  static_assert(SENDER_HOST_SIZE == 256, "the host width follows SENDER_HOST_SIZE");
-  int got = std::sscanf(text, " %255[^: \t\n]:%d %d %c", h, &p, &r, &extra);
-  if (got < 2 || got > 3 || p < 1 || p > 65535) return -1;
-  if (got == 3) {
-    if (!rate || r < 1) return -1;
-    *rate = r;
-  }
-  if (std::snprintf(host, host_size, "%s", h) >= (int)host_size) return -1;
-  *port = p;
-  return 0;
-}
+#define SEQ_REPORT 0
+#define SEQ_ACCESS 1
+#define DELIVERY_BATCH_MESSAGES 256   // most messages on one connection
+#define SPOOL_ENTRY_HEAD 4            // the length in front of each message
+// Lost since the last line, then each cause since the start.
+#define LOSS_FORMAT                                                                          \
+  "access records dropped: %u (over %d/m %u, queue full %u, spool full %u, shipping off %u, " \
+  "too long %u, unsealable %u)"
+
+namespace {
 
 // A stored section's value, "" when the section is absent.
 void stored_value(int id, char *out) {
   std::memset(out, 0, SETTING_TEXT_SIZE);
   int len = 0;
   if (parser_get(id, out, &len) != 0) out[0] = '\0';
+}
+
+int same_target(const ShipTarget &a, const ShipTarget &b) {
+  return a.transport == b.transport && a.port == b.port && std::strcmp(a.host, b.host) == 0;
+}
+
+// The pause after a failed try: doubles from RETRY_MIN_SECONDS up to
+// RETRY_MAX_SECONDS, counted on the monotonic clock.
+struct Backoff {
+  int64_t retry_at_ms;   // no try before this
+  int32_t seconds;       // 0 while the collector answers
+};
+
+void back_off(Backoff *b) {
+  b->seconds = b->seconds == 0 ? RETRY_MIN_SECONDS : b->seconds * 2;
+  if (b->seconds > RETRY_MAX_SECONDS) b->seconds = RETRY_MAX_SECONDS;
+  b->retry_at_ms = monotonic_ms() + (int64_t)b->seconds * 1000;
+}
+
+uint32_t loss_total(const AccessLosses &l) {
+  return l.over_rate + l.queue_full + l.spool_full + l.shipping_off + l.too_long + l.unsealable;
 }
 
 }  // namespace
@@ -68,17 +95,12 @@ int RateLimitLogSender::load_settings(Settings *s) {
 
   char value[SETTING_TEXT_SIZE];
   stored_value(PARSER_LOGSERVER, value);
-  if (value[0] && parse_collector(value, s->server_host, sizeof s->server_host,
-                                  &s->server_port, &s->send_interval) != 0)
-    return -1;
+  if (value[0] && parse_collector(value, &s->access, &s->send_interval) != 0) return -1;
   stored_value(PARSER_LOGATSERVER, value);
   if (value[0]) {
-    if (parse_collector(value, s->attack_host, sizeof s->attack_host, &s->attack_port,
-                        nullptr) != 0)
-      return -1;
+    if (parse_collector(value, &s->attack, nullptr) != 0) return -1;
   } else {
-    std::memcpy(s->attack_host, s->server_host, sizeof s->attack_host);
-    s->attack_port = s->server_port;
+    s->attack = s->access;
   }
   stored_value(PARSER_RANDTIME, value);
   if (value[0]) {
@@ -97,14 +119,20 @@ int RateLimitLogSender::load_settings(Settings *s) {
 
 void RateLimitLogSender::apply_settings(const Settings &s) {
   pthread_mutex_lock(&m_lock);
-  std::memcpy(m_server_host, s.server_host, sizeof m_server_host);
-  m_server_port = s.server_port;
+  std::memcpy(m_server_host, s.access.host, sizeof m_server_host);
+  m_server_port = s.access.port;
+  if (m_send_interval != s.send_interval) {
+    // A new rate starts with a full minute's allowance.
+    m_tokens_milli = (int64_t)s.send_interval * 1000;
+    m_tokens_at_ms = monotonic_ms();
+  }
   m_send_interval = s.send_interval;
-  std::memcpy(m_attack_host, s.attack_host, sizeof m_attack_host);
-  m_attack_port = s.attack_port;
+  m_access_target = s.access;
+  m_attack_target = s.attack;
   m_report_hour_base = s.hour_base;
   m_report_hour_span = s.hour_span;
   m_timeout_seconds = s.timeout;
+  m_settings_gen++;
   pthread_mutex_unlock(&m_lock);
 }
 
@@ -114,15 +142,18 @@ RateLimitLogSender::RateLimitLogSender(const char *name, int flags)
       m_server_host(),
       m_server_port(0),
       m_send_interval(SEND_INTERVAL_DEFAULT),
-      m_attack_host(),
-      m_attack_port(0),
+      m_access_target(),
+      m_attack_target(),
       m_report_hour_base(REPORT_HOUR_BASE_DEFAULT),
       m_report_hour_span(REPORT_HOUR_SPAN_DEFAULT),
       m_timeout_seconds(PERIOD_DEFAULT),
+      m_settings_gen(0),
       m_lock(PTHREAD_MUTEX_INITIALIZER),
-      m_wake(PTHREAD_COND_INITIALIZER),
       m_worker(),
       m_worker_running(0),
+      m_wake_fd(-1),
+      m_worker_waiting(0),
+      m_wake_at(1),
       m_stop(0),
       m_queue(),
       m_queue_len(),
@@ -130,13 +161,23 @@ RateLimitLogSender::RateLimitLogSender(const char *name, int flags)
       m_queue_count(0),
       m_access_buf(),
       m_tokens_milli((int64_t)SEND_INTERVAL_DEFAULT * 1000),
-      m_tokens_at(clock_now()),
+      m_tokens_at_ms(monotonic_ms()),
       m_access_received(0),
-      m_dropped_full(0),
-      m_dropped_rate(0),
-      m_dropped_logged(0),
-      m_attack_retry_at(0),
-      m_attack_backoff(0) {
+      m_lost(),
+      m_lost_logged(0),
+      m_report(),
+      m_report_state(REPORT_NONE),
+      m_block(),
+      m_block_len(0),
+      m_block_records(0),
+      m_block_since_ms(0),
+      m_report_msg(),
+      m_report_msg_len(0),
+      m_report_sealed_for(),
+      m_spool(nullptr),
+      m_spool_len(0),
+      m_epoch(0),
+      m_seq() {
   if (name && std::snprintf(m_name, sizeof m_name, "%s", name) >= (int)sizeof m_name)
     m_name[0] = '\0';
   Settings s;
@@ -149,8 +190,24 @@ RateLimitLogSender::RateLimitLogSender(const char *name, int flags)
     DLOG_ERROR("stored log server settings unusable, shipping off until reload");
   }
   apply_settings(s);
-  m_tokens_milli = (int64_t)m_send_interval * 1000;
-  start_thread();
+  // A random epoch per start: with the sequence numbers it names every
+  // message uniquely, without any state kept across a reboot. 0 is the
+  // first layout's "no identity".
+  unsigned char random[8];
+  std::memset(random, 0, sizeof random);
+  if (RAND_bytes(random, sizeof random) != 1)
+    DLOG_ERROR("no random epoch, using the clock: %lld", (long long)monotonic_ms());
+  for (unsigned char b : random) m_epoch = m_epoch << 8 | b;
+  if (m_epoch == 0) m_epoch = (uint64_t)monotonic_ms() << 16 ^ (uint64_t)getpid() ^ 1;
+
+  if (!(m_flags & SENDER_NO_SHIPPING)) {
+    m_wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (m_wake_fd < 0) DLOG_ERROR("eventfd() error:%s", std::strerror(errno));
+    // Once, for the whole run: a sealed block never waits on the heap.
+    m_spool = static_cast<char *>(std::malloc(SPOOL_BYTES));
+    if (m_spool == nullptr) DLOG_ERROR("no memory for the access spool: blocks wait nowhere");
+    start_thread();
+  }
   DLOG_INFO("RateLimitLogSender init Done!");
 }
 
@@ -158,16 +215,21 @@ RateLimitLogSender::~RateLimitLogSender() {
   if (m_worker_running) {
     pthread_mutex_lock(&m_lock);
     m_stop = 1;
-    pthread_cond_signal(&m_wake);
     pthread_mutex_unlock(&m_lock);
+    wake_worker();
     pthread_join(m_worker, nullptr);
   }
-  pthread_cond_destroy(&m_wake);
+  if (m_wake_fd >= 0) close(m_wake_fd);
+  std::free(m_spool);
   pthread_mutex_destroy(&m_lock);
 }
 
 int RateLimitLogSender::start_thread() {
   if (m_worker_running) return 0;
+  if (m_wake_fd < 0) {
+    DLOG_ERROR("Create pthread error!");
+    return -1;
+  }
   // The loop's signals must reach the main thread, whose select they wake:
   // the worker blocks them all.
   sigset_t all, old;
@@ -183,6 +245,14 @@ int RateLimitLogSender::start_thread() {
   return 0;
 }
 
+void RateLimitLogSender::wake_worker() {
+  if (m_wake_fd < 0) return;
+  uint64_t one = 1;
+  // A full counter (never in practice) is a wake-up already pending.
+  if (write(m_wake_fd, &one, sizeof one) < 0 && errno != EAGAIN)
+    DLOG_ERROR("wake worker error:%s", std::strerror(errno));
+}
+
 int RateLimitLogSender::timeout_seconds() const { return m_timeout_seconds; }
 
 int RateLimitLogSender::reload_config() {
@@ -192,6 +262,7 @@ int RateLimitLogSender::reload_config() {
     return -1;
   }
   apply_settings(s);
+  wake_worker();
   DLOG_INFO("(%s) reload configure: server=%s:%d, m_send_interval=%d/m", __func__,
             m_server_host, m_server_port, m_send_interval);
   return 0;
@@ -203,17 +274,18 @@ int RateLimitLogSender::report_hour_span() const {
 
 int RateLimitLogSender::report_hour_base() const { return m_report_hour_base; }
 
-// One token per record; the bucket holds one minute's worth and refills at
-// m_send_interval per minute. Called with m_lock held.
+// One token per record; the bucket holds one minute's worth (in
+// thousandths) and refills at m_send_interval a minute. The elapsed time is
+// capped at a minute, which fills any bucket, so nothing here overflows for
+// any rate up to SEND_INTERVAL_MAX. Called with m_lock held.
 int RateLimitLogSender::take_token() {
-  time_t now = clock_now();
+  int64_t now = monotonic_ms();
+  int64_t elapsed = now - m_tokens_at_ms;
+  if (elapsed < 0) elapsed = 0;
+  if (elapsed > 60000) elapsed = 60000;
+  m_tokens_at_ms = now;
   int64_t cap = (int64_t)m_send_interval * 1000;
-  if (now > m_tokens_at) {
-    int64_t add = (int64_t)(now - m_tokens_at) * m_send_interval * 1000 / 60;
-    m_tokens_milli = m_tokens_milli + add > cap ? cap : m_tokens_milli + add;
-  }
-  // A clock that went back restarts the count from now.
-  m_tokens_at = now;
+  m_tokens_milli += elapsed * m_send_interval / 60;
   if (m_tokens_milli > cap) m_tokens_milli = cap;
   if (m_tokens_milli < 1000) return 0;
   m_tokens_milli -= 1000;
@@ -221,66 +293,93 @@ int RateLimitLogSender::take_token() {
 }
 
 int RateLimitLogSender::recv_access_log(int fd) {
-  // Always read: one datagram per call keeps the socket from filling. A
-  // record longer than a slot is cut by the kernel.
-  ssize_t n = recv(fd, m_access_buf, sizeof m_access_buf - 1, MSG_DONTWAIT);
+  // Always read: one datagram per call keeps the socket from filling.
+  // MSG_TRUNC gives the datagram's real length, so a record too long for a
+  // slot is counted, never cut.
+  ssize_t n = recv(fd, m_access_buf, sizeof m_access_buf - 1, MSG_DONTWAIT | MSG_TRUNC);
   if (n < 0) return -1;
   m_access_received++;
+  int wake = 0;
   pthread_mutex_lock(&m_lock);
-  if (m_server_host[0] == '\0') {
-    // Nowhere to ship: not a loss to count.
+  if ((size_t)n > sizeof m_access_buf - 1) {
+    m_lost.too_long++;
+  } else if (m_server_host[0] == '\0' || (m_flags & SENDER_NO_SHIPPING)) {
+    m_lost.shipping_off++;
+  } else if (!take_token()) {
+    m_lost.over_rate++;
   } else if (m_queue_count == ACCESS_QUEUE_SLOTS || !m_worker_running) {
     // Without a worker nothing would ever empty the queue.
-    m_dropped_full++;
-  } else if (!take_token()) {
-    m_dropped_rate++;
+    m_lost.queue_full++;
   } else {
     uint32_t slot = (m_queue_head + m_queue_count) % ACCESS_QUEUE_SLOTS;
     std::memcpy(m_queue[slot], m_access_buf, (size_t)n);
     m_queue_len[slot] = (uint16_t)n;
     m_queue_count++;
-    pthread_cond_signal(&m_wake);
+    // One wake-up per sleep, and only once it is worth one.
+    if (m_worker_waiting && m_queue_count >= m_wake_at) {
+      m_worker_waiting = 0;
+      wake = 1;
+    }
   }
   pthread_mutex_unlock(&m_lock);
-  return (int)n;
+  if (wake) wake_worker();
+  return (size_t)n > sizeof m_access_buf - 1 ? (int)(sizeof m_access_buf - 1) : (int)n;
 }
 
-uint32_t RateLimitLogSender::access_dropped() const { return m_dropped_full + m_dropped_rate; }
+AccessLosses RateLimitLogSender::access_losses() {
+  pthread_mutex_lock(&m_lock);
+  AccessLosses l = m_lost;
+  pthread_mutex_unlock(&m_lock);
+  return l;
+}
+
+uint32_t RateLimitLogSender::access_dropped() { return loss_total(access_losses()); }
 
 int RateLimitLogSender::timeout_tick() {
   // A worker that could not be created is tried again once a period.
-  if (!m_worker_running) start_thread();
-  pthread_mutex_lock(&m_lock);
-  uint32_t full = m_dropped_full, rate = m_dropped_rate;
-  pthread_mutex_unlock(&m_lock);
-  uint32_t total = full + rate;
-  if (total != m_dropped_logged) {
-    DLOG_ERROR("access records dropped: %u (queue full %u, over %d/m %u)",
-               total - m_dropped_logged, full, m_send_interval, rate);
-    m_dropped_logged = total;
+  if (!m_worker_running && !(m_flags & SENDER_NO_SHIPPING)) start_thread();
+  AccessLosses l = access_losses();
+  uint32_t total = loss_total(l);
+  if (total != m_lost_logged) {
+    // Records that arrive while no collector is set are no fault: noted,
+    // but at INFO, where the operator who asked for them looks.
+    static uint32_t off_logged;
+    uint32_t since = total - m_lost_logged;
+    int only_off = l.shipping_off - off_logged == since;
+    if (only_off)
+      DLOG_INFO(LOSS_FORMAT, since, m_send_interval, l.over_rate, l.queue_full, l.spool_full,
+                l.shipping_off, l.too_long, l.unsealable);
+    else
+      DLOG_ERROR(LOSS_FORMAT, since, m_send_interval, l.over_rate, l.queue_full, l.spool_full,
+                 l.shipping_off, l.too_long, l.unsealable);
+    m_lost_logged = total;
+    off_logged = l.shipping_off;
   }
   return 0;
 }
 
 int RateLimitLogSender::send_attack_report(const char *fragment) {
-  if (!fragment || m_attack_host[0] == '\0') return 0;
-  // A dead collector is not asked again at every timeout: the main loop
-  // waits on each try, and both sockets with it.
-  // A clock set back by more than the longest pause tries at once.
-  time_t now = clock_now();
-  if (m_attack_retry_at != 0 && now < m_attack_retry_at &&
-      now >= m_attack_retry_at - RETRY_MAX_SECONDS)
+  if (fragment == nullptr || (m_flags & SENDER_NO_SHIPPING) || !m_worker_running ||
+      std::strlen(fragment) >= sizeof m_report)
     return 0;
-  int ok = send_encrypted_attack_log(m_attack_host, m_attack_port, fragment);
-  if (ok == 1) {
-    m_attack_backoff = 0;
-    m_attack_retry_at = 0;
-    return 1;
+  int result = 0, wake = 0;
+  pthread_mutex_lock(&m_lock);
+  if (m_attack_target.host[0] == '\0') {
+    // No collector: the ring keeps the day.
+  } else if (m_report_state == REPORT_DELIVERED && std::strcmp(m_report, fragment) == 0) {
+    m_report_state = REPORT_NONE;
+    m_report[0] = '\0';
+    result = 1;
+  } else if (m_report_state == REPORT_OFFERED && std::strcmp(m_report, fragment) == 0) {
+    // On its way.
+  } else {
+    std::snprintf(m_report, sizeof m_report, "%s", fragment);
+    m_report_state = REPORT_OFFERED;
+    wake = 1;
   }
-  m_attack_backoff = m_attack_backoff == 0 ? RETRY_MIN_SECONDS : m_attack_backoff * 2;
-  if (m_attack_backoff > RETRY_MAX_SECONDS) m_attack_backoff = RETRY_MAX_SECONDS;
-  m_attack_retry_at = now + m_attack_backoff;
-  return -1;
+  pthread_mutex_unlock(&m_lock);
+  if (wake) wake_worker();
+  return result;
 }
 
 void *RateLimitLogSender::worker_main(void *self) {
@@ -288,66 +387,238 @@ void *RateLimitLogSender::worker_main(void *self) {
   return nullptr;
 }
 
-// Ships queued records in blocks. A block whose send fails is kept and
-// tried again after a growing pause; meanwhile new records wait in the
-// queue, and past its size they are dropped and counted.
-void RateLimitLogSender::worker_loop() {
-  // Room for the largest block once, here: a block stops short of
-  // ACCESS_BLOCK_BYTES except for a single record, so no append below
-  // grows the text, and no bad_alloc can escape this thread later and end
-  // the whole daemon.
-  std::string block;
-  block.reserve(ACCESS_BLOCK_BYTES + ACCESS_RECORD_SIZE + 1);
-  char host[SENDER_HOST_SIZE];
-  int port = 0;
-  int backoff = 0;
-  for (;;) {
-    pthread_mutex_lock(&m_lock);
-    if (block.empty()) {
-      while (!m_stop && m_queue_count == 0) pthread_cond_wait(&m_wake, &m_lock);
-      uint32_t take = 0;
-      while (take < m_queue_count && take < ACCESS_BLOCK_RECORDS) {
-        uint32_t slot = (m_queue_head + take) % ACCESS_QUEUE_SLOTS;
-        if (take > 0 && block.size() + m_queue_len[slot] + 1 > ACCESS_BLOCK_BYTES) break;
-        block.append(m_queue[slot], m_queue_len[slot]);
-        if (block.empty() || block.back() != '\n') block.push_back('\n');
-        take++;
-      }
-      m_queue_head = (m_queue_head + take) % ACCESS_QUEUE_SLOTS;
-      m_queue_count -= take;
-    }
-    std::memcpy(host, m_server_host, sizeof host);
-    port = m_server_port;
-    int stop = m_stop;
-    pthread_mutex_unlock(&m_lock);
-    if (stop) return;
-    if (host[0] == '\0') {
-      block.clear();  // shipping was turned off by a reload
-      continue;
-    }
+// Moves queued records into the block being filled, as far as it has room.
+// Called with m_lock held.
+void RateLimitLogSender::take_queued_records() {
+  while (m_queue_count > 0) {
+    uint32_t slot = m_queue_head;
+    size_t len = m_queue_len[slot];
+    if (m_block_records > 0 && (m_block_records >= ACCESS_BLOCK_RECORDS ||
+                                m_block_len + len + 1 > ACCESS_BLOCK_BYTES))
+      break;
+    if (m_block_records == 0) m_block_since_ms = monotonic_ms();
+    // A single record may pass ACCESS_BLOCK_BYTES; the block has room for
+    // one whole record beyond it.
+    std::memcpy(m_block + m_block_len, m_queue[slot], len);
+    m_block_len += len;
+    if (len == 0 || m_block[m_block_len - 1] != '\n') m_block[m_block_len++] = '\n';
+    m_block_records++;
+    m_queue_head = (m_queue_head + 1) % ACCESS_QUEUE_SLOTS;
+    m_queue_count--;
+  }
+}
 
-    char *message = nullptr;
-    int ok = -1;
-    if (build_encrypted_logs(block.data(), block.size(), &message) > 0) {
-      ok = send_to_syslog_server(host, port, message);
-    } else {
-      block.clear();  // cannot be sealed: retrying would not help
-    }
-    std::free(message);
-    if (ok == 1) {
-      block.clear();
-      backoff = 0;
-      continue;
-    }
-    if (block.empty()) continue;
-    backoff = backoff == 0 ? RETRY_MIN_SECONDS : backoff * 2;
-    if (backoff > RETRY_MAX_SECONDS) backoff = RETRY_MAX_SECONDS;
-    struct timespec until;
-    clock_gettime(CLOCK_REALTIME, &until);
-    until.tv_sec += backoff;
+// Seals the block into the spool. 0, or -1 when its records were lost
+// (counted by cause).
+int RateLimitLogSender::seal_pending_block(const ShipTarget *access) {
+  uint32_t records = m_block_records;
+  uint32_t *cause = nullptr;
+  char *message = nullptr;
+  int n = -1;
+  if (access->host[0] == '\0') {
+    cause = &m_lost.shipping_off;  // turned off by a reload meanwhile
+  } else {
+    SealMeta meta;
+    std::memset(&meta, 0, sizeof meta);
+    meta.epoch = m_epoch;
+    meta.seq = m_seq[SEQ_ACCESS] + 1;
+    std::snprintf(meta.device, sizeof meta.device, "%s", cached_device_id());
+    n = build_encrypted_logs(m_block, m_block_len, &meta, &message);
+    if (n < 0)
+      cause = &m_lost.unsealable;
+    else if (m_spool == nullptr || m_spool_len + SPOOL_ENTRY_HEAD + (size_t)n > SPOOL_BYTES)
+      cause = &m_lost.spool_full;  // the oldest go first; the newest wait
+  }
+  if (cause == nullptr) {
+    m_seq[SEQ_ACCESS]++;
+    uint32_t len = (uint32_t)n;
+    std::memcpy(m_spool + m_spool_len, &len, SPOOL_ENTRY_HEAD);
+    std::memcpy(m_spool + m_spool_len + SPOOL_ENTRY_HEAD, message, (size_t)n);
+    m_spool_len += SPOOL_ENTRY_HEAD + (size_t)n;
+  } else {
     pthread_mutex_lock(&m_lock);
-    while (!m_stop && pthread_cond_timedwait(&m_wake, &m_lock, &until) == 0) {
-    }
+    *cause += records;
     pthread_mutex_unlock(&m_lock);
   }
+  std::free(message);
+  m_block_len = 0;
+  m_block_records = 0;
+  return cause == nullptr ? 0 : -1;
+}
+
+// Delivers the spool, oldest first, in batches of one connection (or one
+// burst on the kept RELP session). 0 once it is empty; -1 when a batch
+// failed, and what was not delivered stays.
+int RateLimitLogSender::ship_spool(const ShipTarget *target, RelpLink *relp) {
+  while (m_spool_len > 0) {
+    const char *msgs[DELIVERY_BATCH_MESSAGES];
+    size_t lens[DELIVERY_BATCH_MESSAGES];
+    int count = 0;
+    size_t at = 0, bytes = 0;
+    while (at < m_spool_len && count < DELIVERY_BATCH_MESSAGES) {
+      uint32_t len = 0;
+      std::memcpy(&len, m_spool + at, SPOOL_ENTRY_HEAD);
+      if (count > 0 && bytes + len > DELIVERY_BATCH_BYTES) break;
+      msgs[count] = m_spool + at + SPOOL_ENTRY_HEAD;
+      lens[count] = len;
+      count++;
+      bytes += len;
+      at += SPOOL_ENTRY_HEAD + len;
+    }
+    int taken = 0;
+    if (target->transport == SHIP_TRANSPORT_RELP)
+      taken = relp != nullptr ? relp_link_send(relp, target, msgs, lens, count) : 0;
+    else
+      taken = send_to_syslog_server(target, msgs, lens, count) == 1 ? count : 0;
+    if (taken > 0) {
+      size_t done = (size_t)(msgs[taken - 1] - m_spool) + lens[taken - 1];
+      std::memmove(m_spool, m_spool + done, m_spool_len - done);
+      m_spool_len -= done;
+    }
+    if (taken < count) return -1;
+  }
+  return 0;
+}
+
+// Seals the report in hand once (its sequence number then stays with it
+// for every try) and delivers it. 1 delivered, 0 nothing to do, -1 failed.
+int RateLimitLogSender::send_encrypted_attack_log(const ShipTarget *target, RelpLink *relp) {
+  char fragment[SHIP_FRAGMENT_SIZE];
+  pthread_mutex_lock(&m_lock);
+  int offered = m_report_state == REPORT_OFFERED;
+  std::memcpy(fragment, m_report, sizeof fragment);
+  pthread_mutex_unlock(&m_lock);
+  // A sealed report the loop no longer offers (the ring was cleared, or a
+  // reload dropped its collector) never left: it is dropped unsent.
+  if (m_report_msg_len > 0 && (!offered || std::strcmp(fragment, m_report_sealed_for) != 0))
+    m_report_msg_len = 0;
+  if (!offered || target->host[0] == '\0') return 0;
+  if (m_report_msg_len == 0) {
+    SealMeta meta;
+    std::memset(&meta, 0, sizeof meta);
+    meta.epoch = m_epoch;
+    meta.seq = m_seq[SEQ_REPORT] + 1;
+    std::snprintf(meta.device, sizeof meta.device, "%s", cached_device_id());
+    int n = build_attack_message(fragment, &meta, m_report_msg, sizeof m_report_msg);
+    if (n < 0) return -1;
+    m_seq[SEQ_REPORT]++;
+    m_report_msg_len = (size_t)n;
+    std::memcpy(m_report_sealed_for, fragment, sizeof m_report_sealed_for);
+  }
+  const char *msg = m_report_msg;
+  size_t len = m_report_msg_len;
+  int ok = target->transport == SHIP_TRANSPORT_RELP
+               ? (relp != nullptr && relp_link_send(relp, target, &msg, &len, 1) == 1)
+               : send_to_syslog_server(target, &msg, &len, 1) == 1;
+  if (!ok) return -1;
+  m_report_msg_len = 0;
+  pthread_mutex_lock(&m_lock);
+  if (m_report_state == REPORT_OFFERED && std::strcmp(m_report, m_report_sealed_for) == 0)
+    m_report_state = REPORT_DELIVERED;
+  pthread_mutex_unlock(&m_lock);
+  return 1;
+}
+
+// The worker: wakes for records, a report, a reload or a due time, and
+// sleeps in poll on the wake-up descriptor otherwise. Every pause is
+// relative and on the monotonic clock.
+void RateLimitLogSender::worker_loop() {
+  // One RELP session per collector; reports share the access session when
+  // both go to the same place.
+  RelpLink *access_link = relp_link_new();
+  RelpLink *attack_link = relp_link_new();
+  ShipTarget access, attack;
+  std::memset(&access, 0, sizeof access);
+  std::memset(&attack, 0, sizeof attack);
+  Backoff access_wait = {0, 0}, report_wait = {0, 0};
+  uint32_t seen_gen = 0;
+  int have_settings = 0;
+  for (;;) {
+    pthread_mutex_lock(&m_lock);
+    if (m_stop) {
+      pthread_mutex_unlock(&m_lock);
+      break;
+    }
+    if (!have_settings || seen_gen != m_settings_gen) {
+      // New settings start with a fresh back-off: the operator who just
+      // fixed the collector wants to see it used now.
+      have_settings = 1;
+      seen_gen = m_settings_gen;
+      access = m_access_target;
+      attack = m_attack_target;
+      access_wait = Backoff{0, 0};
+      report_wait = Backoff{0, 0};
+    }
+    take_queued_records();
+    int queue_left = m_queue_count > 0;
+    int report_offered = m_report_state == REPORT_OFFERED;
+    pthread_mutex_unlock(&m_lock);
+
+    int64_t now = monotonic_ms();
+    int collector_up = access_wait.seconds == 0;
+    // While the collector is away, blocks fill up before they are sealed:
+    // fewer, fuller messages make the spool last longer.
+    if (m_block_records > 0 &&
+        (queue_left || m_block_records >= ACCESS_BLOCK_RECORDS ||
+         m_block_len >= ACCESS_BLOCK_BYTES ||
+         (collector_up && now - m_block_since_ms >= ACCESS_LINGER_MS) ||
+         (!collector_up && now >= access_wait.retry_at_ms)))
+      seal_pending_block(&access);
+
+    RelpLink *report_link = same_target(attack, access) ? access_link : attack_link;
+    if ((report_offered || m_report_msg_len > 0) && now >= report_wait.retry_at_ms) {
+      int rc = send_encrypted_attack_log(&attack, report_link);
+      if (rc == 1) report_wait = Backoff{0, 0};
+      if (rc < 0) back_off(&report_wait);
+    }
+    if (m_spool_len > 0 && now >= access_wait.retry_at_ms) {
+      if (access.host[0] == '\0') {
+        m_spool_len = 0;  // shipping turned off: nowhere to go
+      } else if (ship_spool(&access, access_link) == 0) {
+        access_wait = Backoff{0, 0};
+      } else {
+        back_off(&access_wait);
+      }
+    }
+
+    // Sleep until the earliest due time, or a wake-up.
+    now = monotonic_ms();
+    int64_t due = -1;
+    auto sooner = [&due](int64_t at) {
+      if (due < 0 || at < due) due = at;
+    };
+    if (m_block_records > 0)
+      sooner(access_wait.seconds == 0 ? m_block_since_ms + ACCESS_LINGER_MS
+                                      : access_wait.retry_at_ms);
+    if (m_spool_len > 0) sooner(access_wait.retry_at_ms);
+    pthread_mutex_lock(&m_lock);
+    if (m_report_state == REPORT_OFFERED) sooner(report_wait.retry_at_ms);
+    // A partial block sleeps until the queue is half full or its linger
+    // ends; an empty one wakes for the first record.
+    m_wake_at = m_block_records > 0 ? ACCESS_QUEUE_SLOTS / 2 : 1;
+    // What arrived since the look above must not wait for the next one.
+    int busy = m_stop || seen_gen != m_settings_gen || m_queue_count >= m_wake_at ||
+               (m_report_state == REPORT_OFFERED && !report_offered);
+    m_worker_waiting = !busy;
+    pthread_mutex_unlock(&m_lock);
+    int timeout = -1;
+    if (busy)
+      timeout = 0;
+    else if (due >= 0)
+      timeout = due <= now ? 0 : due - now > 60000 ? 60000 : (int)(due - now);
+    struct pollfd p;
+    std::memset(&p, 0, sizeof p);
+    p.fd = m_wake_fd;
+    p.events = POLLIN;
+    if (poll(&p, 1, timeout) > 0) {
+      uint64_t count = 0;
+      if (read(m_wake_fd, &count, sizeof count) < 0 && errno != EAGAIN)
+        DLOG_ERROR("worker wake-up read error:%s", std::strerror(errno));
+    }
+    pthread_mutex_lock(&m_lock);
+    m_worker_waiting = 0;
+    pthread_mutex_unlock(&m_lock);
+  }
+  relp_link_free(access_link);
+  relp_link_free(attack_link);
 }

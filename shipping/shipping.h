@@ -9,138 +9,30 @@
 #include <time.h>
 
 #define SENDER_HOST_SIZE 256          // host name of a collector
-#define ACCESS_RECORD_SIZE 2048       // one access record, NUL included
+#define ACCESS_RECORD_SIZE 2560       // one access record, NUL included: nginx's
+                                      // longest syslog line with its header
 #define ACCESS_QUEUE_SLOTS 128        // records waiting for the worker
 #define ACCESS_BLOCK_RECORDS 64       // most records sealed into one block
 #define ACCESS_BLOCK_BYTES 4096       // most record bytes in one block: even
                                       // incompressible, its message stays
                                       // below a receiver's usual 8 KiB limit
+#define ACCESS_LINGER_MS 200          // a partial block waits this long for more
+#define SPOOL_BYTES (1u << 20)        // sealed access messages waiting for the
+                                      // collector: over ten minutes at 600/m
+#define DELIVERY_BATCH_BYTES (256u << 10)  // most message bytes on one connection
 #define SETTING_TEXT_SIZE 128         // one stored section as the sender reads it
 #define PERIOD_KEY "mox_logd_period"  // loop period key of the settings file
 #define PERIOD_DEFAULT 60             // seconds, also for values out of range
 #define PERIOD_MIN 1
 #define PERIOD_MAX 3600
 #define SEND_INTERVAL_DEFAULT 600     // access records per minute
+#define SEND_INTERVAL_MAX 2147483647
 #define REPORT_HOUR_BASE_DEFAULT 0
 #define REPORT_HOUR_SPAN_DEFAULT 3
 #define RETRY_MIN_SECONDS 5           // first wait after a failed send
 #define RETRY_MAX_SECONDS 600         // longest wait between tries
-
-// The sender: the way records leave the appliance. main builds one on its
-// stack (it holds the access queue, so it is large) and keeps it for the
-// whole run; every member below is called on the main loop's thread, except
-// the worker, which ships access blocks.
-//
-// Settings come from the stored sections, read at construction and on
-// reload_config:
-//   logserver    "HOST:PORT [RATE]"  access collector, RATE records/minute (600)
-//   logatserver  "HOST:PORT"         attack report collector (logserver's when absent)
-//   randtime     "BASE SPAN"         report hour = BASE + draw % SPAN (0 3)
-// Without logserver nothing is shipped: access records are read and dropped
-// uncounted, and attack reports stay with the report cycle.
-class RateLimitLogSender {
- public:
-  // Reads the settings, starts the worker and logs "RateLimitLogSender init
-  // Done!". name and flags (given as "" and 0) are kept for the log.
-  RateLimitLogSender(const char *name, int flags);
-
-  // Stops the worker. Reached only when an exception leaves main.
-  ~RateLimitLogSender();
-
-  // Seconds of the main loop's wait: the settings file's "mox_logd_period",
-  // 60 when absent or outside 1..3600. Always above 0.
-  int timeout_seconds() const;
-
-  // Reads one datagram from the access socket without waiting and queues it
-  // for the worker; over the rate or with the queue full it is dropped and
-  // counted. Bytes read, or below 0 when nothing could be read.
-  int recv_access_log(int fd);
-
-  // Rereads the settings. 0 on success; -1 when a stored value is broken or
-  // the store unreadable, and the old settings stay in force.
-  int reload_config();
-
-  // Work at each timeout: starts the worker if it could not be started
-  // before, and logs the access records dropped since the last timeout,
-  // once. Returns 0.
-  int timeout_tick();
-
-  // Divisor and base of the daily report hour; the span is never 0.
-  int report_hour_span() const;
-  int report_hour_base() const;
-
-  // Sends one attack report fragment. 1 when it left the appliance; 0 when
-  // no collector is set or the last failure is too recent to try again; -1
-  // when the send failed. The caller keeps what was not sent.
-  int send_attack_report(const char *fragment);
-
-  // Starts the worker thread that ships access blocks ("Create pthread
-  // error!" when it cannot). 0, or -1 (records are then dropped, counted).
-  int start_thread();
-
-  // Access records read, and dropped, since start.
-  uint32_t access_received() const { return m_access_received; }
-  uint32_t access_dropped() const;
-
- private:
-  struct Settings {
-    char server_host[SENDER_HOST_SIZE];
-    int32_t server_port;
-    int32_t send_interval;
-    char attack_host[SENDER_HOST_SIZE];
-    int32_t attack_port;
-    int32_t hour_base;
-    int32_t hour_span;
-    int32_t timeout;
-  };
-
-  static void default_settings(Settings *s);
-  static int load_settings(Settings *s);
-  static void *worker_main(void *self);
-  void worker_loop();
-  int take_token();
-
-  void apply_settings(const Settings &s);
-
-  char m_name[SENDER_HOST_SIZE];
-  int32_t m_flags;
-  // Settings: written on the main thread under m_lock, read by the worker
-  // under it.
-  char m_server_host[SENDER_HOST_SIZE];
-  int32_t m_server_port;
-  int32_t m_send_interval;
-  char m_attack_host[SENDER_HOST_SIZE];
-  int32_t m_attack_port;
-  int32_t m_report_hour_base;
-  int32_t m_report_hour_span;
-  int32_t m_timeout_seconds;
-
-  pthread_mutex_t m_lock;
-  pthread_cond_t m_wake;
-  pthread_t m_worker;
-  int32_t m_worker_running;
-  volatile int32_t m_stop;
-
-  // The access queue: fixed slots, filled by recv_access_log, emptied by the
-  // worker; nothing is allocated per record.
-  char m_queue[ACCESS_QUEUE_SLOTS][ACCESS_RECORD_SIZE];
-  uint16_t m_queue_len[ACCESS_QUEUE_SLOTS];
-  uint32_t m_queue_head;         // next slot to take
-  uint32_t m_queue_count;
-  char m_access_buf[ACCESS_RECORD_SIZE];
-
-  // Pacing: a bucket of one minute's records, refilled continuously.
-  int64_t m_tokens_milli;
-  time_t m_tokens_at;
-
-  uint32_t m_access_received;
-  uint32_t m_dropped_full;
-  uint32_t m_dropped_rate;
-  uint32_t m_dropped_logged;
-
-  time_t m_attack_retry_at;
-  int32_t m_attack_backoff;
-};
+#define SENDER_NO_SHIPPING 1          // constructor flag: this instance does not
+                                      // hold the lock and ships nothing
 
 // ---- report envelope, sealing and transport ---------------------------------
 //
@@ -158,8 +50,10 @@ class RateLimitLogSender {
 
 #define SHIP_KIND_ATTACK 'A'
 #define SHIP_KIND_ACCESS 'L'
-#define SHIP_MARKER "MOX1 "            // starts the payload of every message
-#define SHIP_WIRE_VERSION 1            // first byte of the sealed binary
+#define SHIP_MARKER "MOX2 "            // starts the payload of every message
+#define SHIP_MARKER_V1 "MOX1 "         // the layout without identity, still read
+#define SHIP_WIRE_VERSION 2            // first byte of the sealed binary
+#define SHIP_WIRE_VERSION_V1 1
 #define SHIP_APP_NAME "mox_logd"
 #define SHIP_PRIORITY "<190>"          // local7.info
 
@@ -178,16 +72,19 @@ class RateLimitLogSender {
 #define SHIP_WRAPPED_KEY_MAX 512       // RSA keys up to 4096 bits
 // version, kind, key length, wrapped key, nonce, uncompressed length
 #define SHIP_HEADER_MAX (1 + 1 + 2 + SHIP_WRAPPED_KEY_MAX + SHIP_NONCE_SIZE + 4)
-#define SHIP_SEALED_MAX(len) (SHIP_HEADER_MAX + (len) + SHIP_TAG_SIZE)
+// epoch, sequence, device id length, device id: enciphered before the content
+#define SHIP_META_MAX (8 + 8 + 1 + SHIP_DEVICE_ID_SIZE - 1)
+#define SHIP_SEALED_MAX(len) (SHIP_HEADER_MAX + SHIP_META_MAX + (len) + SHIP_TAG_SIZE)
 #define SHIP_BASE64_SIZE(n) (((n) + 2) / 3 * 4 + 1)
 #define SHIP_PLAIN_MAX (64u << 20)     // largest block sealed or opened
-// "<count> " + priority + time + " " + host + " mox_logd: " + "MOX1 A "
+// priority + time + " " + host + " mox_logd: " + "MOX2 A "
 #define SHIP_FRAME_HEAD_SIZE 384
 #define SHIP_ATTACK_TEXT_SIZE SHIP_BASE64_SIZE(SHIP_SEALED_MAX(SHIP_ENVELOPE_SIZE))
-#define SHIP_ATTACK_FRAME_SIZE (SHIP_FRAME_HEAD_SIZE + SHIP_ATTACK_TEXT_SIZE)
+#define SHIP_ATTACK_MESSAGE_SIZE (SHIP_FRAME_HEAD_SIZE + SHIP_ATTACK_TEXT_SIZE)
 
 #define SHIP_CONNECT_TIMEOUT_MS 3000
 #define SHIP_SEND_TIMEOUT_SEC 3
+#define SHIP_CONFIRM_TIMEOUT_SEC 5     // the collector's end of stream after ours
 #define SHIP_SNDBUF_SIZE 65536
 #define SHIP_HOSTENT_BUF_SIZE 2048     // scratch of gethostbyname_r
 
@@ -201,6 +98,10 @@ int get_device_name(char *out, size_t size);
 // overruns is killed with its whole pipeline. 0 when one was found, -1
 // when out stays "", -2 when out stays "" and the command was killed.
 int get_device_id(char *out, size_t size);
+
+// get_device_id's answer, asked once per process and kept; "" when there
+// is none. For one thread only: the sender's worker.
+const char *cached_device_id(void);
 
 // The compiled-in version tag "<version>-<YYYYMMDD>-<revision>".
 const char *get_firmware_version(void);
@@ -218,57 +119,62 @@ int json_escape(const char *text, char *out, size_t size);
 // oversized fragment (out then "").
 int build_attack_envelope(const char *fragment, char *out, size_t size);
 
-// Compresses len bytes with zlib into a new heap buffer *out of *out_len
-// bytes, which the caller frees. 0, or -1 ("No enough memory!",
-// "Compress failed!" logged; *out null).
+// Compresses len bytes into a zlib stream (as zlib's compress makes it) in
+// a new heap buffer *out of *out_len bytes, which the caller frees. The
+// deflate state is kept per thread and reset between calls. 0, or -1 ("No
+// enough memory!", "Compress failed!" logged; *out null).
 int compress_data(const unsigned char *data, size_t len, unsigned char **out, size_t *out_len);
 
 // Enciphers len bytes (a message key) for the PEM public key with RSA-OAEP,
-// SHA-256 for both digests. The bytes written to out, or -1 ("Failed to
-// create key BIO", "Failed to create RSA" or an OpenSSL failure logged).
+// SHA-256 for both digests. A key text is parsed once and kept. The bytes
+// written to out, or -1 ("Failed to create key BIO", "Failed to create
+// RSA" or an OpenSSL failure logged).
 int public_encrypt(const char *pem, const unsigned char *data, size_t len, unsigned char *out,
                    size_t out_size);
 
 // The compiled-in public key of the kind ('A' or 'L'); null for another.
 const char *ship_public_key(char kind);
 
+// Who sent a message, inside its seal.
+struct SealMeta {
+  uint64_t epoch;                      // random, drawn at the sender's start
+  uint64_t seq;                        // 1, 2, ... per kind within an epoch
+  char device[SHIP_DEVICE_ID_SIZE];    // get_device_id's text
+};
+
 #define SEAL_BAD_ARGUMENT -1   // bad kind or key text, payload too large, out too small
 #define SEAL_NO_MEMORY -2
 #define SEAL_KEY_FAILED -3      // no random key, or the public key would not wrap it
 #define SEAL_CIPHER_FAILED -4
 
-// Seals len bytes as a message of the kind for the PEM public key and
-// writes its base64 text, terminated, into out. raw_len is recorded for an
-// access block (its length before compression) and ignored for a report.
-// out_size of SHIP_BASE64_SIZE(SHIP_SEALED_MAX(len)) is always enough. The
-// text's length, or one of the SEAL_ codes (out then "").
-int seal_message(char kind, const char *pem, const unsigned char *payload, size_t len,
-                 uint32_t raw_len, char *out, size_t out_size);
+// Seals meta and len bytes as a message of the kind for the PEM public key
+// and writes its base64 text, terminated, into out. raw_len is recorded
+// for an access block (its length before compression) and ignored for a
+// report. out_size of SHIP_BASE64_SIZE(SHIP_SEALED_MAX(len)) is always
+// enough. The text's length, or one of the SEAL_ codes (out then "").
+int seal_message(char kind, const char *pem, const SealMeta *meta, const unsigned char *payload,
+                 size_t len, uint32_t raw_len, char *out, size_t out_size);
 
 // A short text for a SEAL_ code, for the caller's diagnostic line.
 const char *seal_error_text(int code);
 
-// One octet-counted syslog frame, "<count> <190>TIME HOST mox_logd: MOX1 K
-// TEXT", into out. TIME is local time with its offset in whole hours (a
-// +05:30 zone reads +05:00); HOST is the host name with blanks and control
-// bytes made "-" ("-" without one). The frame's length, or -1 when it does
-// not fit (out then "").
-int frame_syslog_message(char kind, const char *text, char *out, size_t out_size);
+// One syslog message, "<190>TIME HOST mox_logd: MOX2 K TEXT", into out.
+// TIME is local time with its offset in whole hours (a +05:30 zone reads
+// +05:00); HOST is the host name with blanks and control bytes made "-"
+// ("-" without one). The message's length, or -1 when it does not fit (out
+// then "").
+int format_syslog_message(char kind, const char *text, char *out, size_t out_size);
 
 // Prepares a block of access records (newline-separated) for sending:
-// compressed, sealed for the access key and framed, in a new heap text *out
-// that the caller frees and hands to send_to_syslog_server. The frame's
+// compressed, sealed with meta for the access key and made a syslog
+// message, in a new heap text *out that the caller frees. The message's
 // length, or -1 (logged; *out null), also for a block above SHIP_PLAIN_MAX.
-int build_encrypted_logs(const char *block, size_t len, char **out);
+int build_encrypted_logs(const char *block, size_t len, const SealMeta *meta, char **out);
 
-// Opens a TCP connection to host:port (IPv4), sends message (one or more
-// whole frames) and closes. Connecting and each send wait at most 3 s.
-// 1 when every byte was handed to the kernel, -1 otherwise (logged).
-int send_to_syslog_server(const char *host, int port, const char *message);
-
-// Builds, seals (attack key), frames and sends one attack report. 1 on
-// success; -1 otherwise, and the caller keeps the fragment for later.
-int send_encrypted_attack_log(const char *host, int port, const char *fragment);
+// The attack report's syslog message: envelope, sealed with meta for the
+// attack key. Its length, or -1 (logged under send_encrypted_attack_log).
+// SHIP_ATTACK_MESSAGE_SIZE is enough for out.
+int build_attack_message(const char *fragment, const SealMeta *meta, char *out, size_t size);
 
 // ---- collectors and transports ----------------------------------------------
 //
@@ -280,6 +186,8 @@ int send_encrypted_attack_log(const char *host, int port, const char *fragment);
 #define SHIP_TRANSPORT_TCP 0
 #define SHIP_TRANSPORT_RELP 1
 #define SHIP_RELP_TIMEOUT_SEC 5        // a RELP answer (open, ack, close), at most
+#define SHIP_SCHEME_TCP "tcp://"
+#define SHIP_SCHEME_RELP "relp://"
 
 // One collector.
 struct ShipTarget {
@@ -291,6 +199,21 @@ struct ShipTarget {
 // The worker's one RELP session, kept open between sends. Used by the
 // worker alone: no lock guards it.
 struct RelpLink;
+
+// Parses "[tcp://|relp://]HOST:PORT", and with rate not null an optional
+// " RATE" (1..SEND_INTERVAL_MAX) behind it. HOST is a name or an IPv4
+// address without blanks or ':'. 0, with *rate left alone when absent; -1
+// when anything is out of range or left over.
+int parse_collector(const char *text, ShipTarget *target, int32_t *rate);
+
+// tcp: opens a connection to target (IPv4), sends the count messages as
+// octet-counted frames (RFC 6587), closes its sending side and waits for
+// the collector to read everything and close its side in order. Name
+// lookup, connect and each send wait at most a few seconds. 1 when the
+// collector confirmed every message so; -1 otherwise (logged), and none
+// counts as delivered.
+int send_to_syslog_server(const ShipTarget *target, const char *const *msgs, const size_t *lens,
+                          int count);
 
 // A link without a session yet; null when out of memory.
 RelpLink *relp_link_new(void);
@@ -312,7 +235,7 @@ void relp_link_free(RelpLink *link);
 
 // ---- collector side -----------------------------------------------------------
 
-#define OPEN_NO_MARKER -1   // no "MOX1 " in the text: not one of ours
+#define OPEN_NO_MARKER -1   // no "MOX2 " (or "MOX1 ") in the text: not one of ours
 #define OPEN_MALFORMED -2   // kind, base64 or layout broken
 #define OPEN_NO_KEY -3      // none of the keys unwraps the message key
 #define OPEN_TAMPERED -4    // a key unwrapped it but the content fails its tag
@@ -325,13 +248,183 @@ int load_private_key_text(const char *path, char **pem);
 
 // Opens one message: text (len bytes, no terminator needed) is a syslog
 // line as a receiver stored it, a received message, or the bare payload;
-// the first "MOX1 " starts the payload, and only blanks may follow the
-// base64. Each of the key_count PEM private keys is tried in turn. 0 with
-// *kind ('A' or 'L') and a new heap buffer *plain of *plain_len bytes
-// (terminated one byte past, caller frees): the report's JSON or the
-// block's records. Below 0 on failure, one of the OPEN_ codes (*plain null).
+// the first "MOX2 " (or a first-layout "MOX1 ") starts the payload, and
+// only blanks may follow the base64. Each of the key_count PEM private
+// keys is tried in turn. 0 with *kind ('A' or 'L'), *meta (when not null;
+// zero epoch and sequence for a first-layout message) and a new heap
+// buffer *plain of *plain_len bytes (terminated one byte past, caller
+// frees): the report's JSON or the block's records. Below 0 on failure,
+// one of the OPEN_ codes (*plain null).
 int open_sealed_message(const char *text, size_t len, const char *const *keys, int key_count,
-                        char *kind, unsigned char **plain, size_t *plain_len);
+                        char *kind, SealMeta *meta, unsigned char **plain, size_t *plain_len);
 
 // A short text for an OPEN_ code.
 const char *open_error_text(int code);
+
+// ---- the sender ---------------------------------------------------------------
+
+// Access records lost inside the daemon, by cause.
+struct AccessLosses {
+  uint32_t over_rate;     // beyond RATE records a minute
+  uint32_t queue_full;    // the worker's queue was full (or no worker runs)
+  uint32_t spool_full;    // sealed, but no room left while the collector is away
+  uint32_t shipping_off;  // no logserver set
+  uint32_t too_long;      // a datagram longer than ACCESS_RECORD_SIZE - 1
+  uint32_t unsealable;    // the block could not be compressed or sealed
+};
+
+// The sender: the way records leave the appliance. main builds one on its
+// stack (it holds the access queue, so it is large) and keeps it for the
+// whole run. Every member below is called on the main loop's thread; all
+// network work (name lookups, connects, sends, waits for the collector)
+// happens on the worker thread, so a dead collector or DNS server never
+// holds up the loop.
+//
+// Settings come from the stored sections, read at construction and on
+// reload_config:
+//   logserver    "[tcp://|relp://]HOST:PORT [RATE]"  access collector, RATE
+//                records/minute (600, at most 2147483647)
+//   logatserver  "[tcp://|relp://]HOST:PORT"  attack report collector
+//                (logserver's when absent)
+//   randtime     "BASE SPAN"         report hour = BASE + draw % SPAN (0 3)
+// Without logserver nothing is shipped: attack reports stay with the report
+// cycle, and access records are read and counted as "shipping off".
+//
+// Delivery. A message counts as delivered on tcp once the collector has
+// read it and closed its side in order (send, half-close, end of stream
+// within SHIP_CONFIRM_TIMEOUT_SEC); on relp once librelp's session has
+// taken it, which holds it until the collector's acknowledgement and
+// resends it after a reconnect. Until then an attack report stays in the
+// day ring and sealed access blocks wait in a spool of SPOOL_BYTES, oldest
+// first; a failed try backs off from RETRY_MIN_SECONDS to RETRY_MAX_SECONDS
+// on the monotonic clock, and SIGHUP (reload_config) starts afresh.
+// A message sent again after an unconfirmed try carries the same sequence
+// number, so the collector's reader drops the copy.
+class RateLimitLogSender {
+ public:
+  // Reads the settings, starts the worker (not with SENDER_NO_SHIPPING in
+  // flags) and logs "RateLimitLogSender init Done!". name is kept for the
+  // log.
+  RateLimitLogSender(const char *name, int flags);
+
+  // Stops the worker. Reached only when an exception leaves main.
+  ~RateLimitLogSender();
+
+  // Seconds of the main loop's wait: the settings file's "mox_logd_period",
+  // 60 when absent or outside 1..3600. Always above 0.
+  int timeout_seconds() const;
+
+  // Reads one datagram from the access socket without waiting and queues it
+  // for the worker; a record lost here is counted by its cause. Bytes
+  // read, or below 0 when nothing could be read.
+  int recv_access_log(int fd);
+
+  // Rereads the settings and wakes the worker, which starts them with a
+  // fresh back-off. 0 on success; -1 when a stored value is broken or the
+  // store unreadable, and the old settings stay in force.
+  int reload_config();
+
+  // Work at each timeout: starts the worker if it could not be started
+  // before, and logs the access records lost since the last timeout, once.
+  // Returns 0.
+  int timeout_tick();
+
+  // Divisor and base of the daily report hour; the span is never 0.
+  int report_hour_span() const;
+  int report_hour_base() const;
+
+  // Offers one attack report fragment. 1 once the worker has delivered
+  // this very fragment (the call after the delivery says so); 0 while it is
+  // on its way, or when no collector is set or this instance does not ship.
+  // Never waits on the network. The caller keeps what is not yet 1.
+  int send_attack_report(const char *fragment);
+
+  // Starts the worker thread ("Create pthread error!" when it cannot).
+  // 0, or -1 (records are then dropped, counted).
+  int start_thread();
+
+  // Access records read since start, and lost by cause.
+  uint32_t access_received() const { return m_access_received; }
+  AccessLosses access_losses();
+  uint32_t access_dropped();
+
+ private:
+  struct Settings {
+    ShipTarget access;
+    int32_t send_interval;
+    ShipTarget attack;
+    int32_t hour_base;
+    int32_t hour_span;
+    int32_t timeout;
+  };
+
+  static void default_settings(Settings *s);
+  static int load_settings(Settings *s);
+  static void *worker_main(void *self);
+  void worker_loop();
+  void wake_worker();
+  int take_token();
+  void apply_settings(const Settings &s);
+  void take_queued_records();
+  int seal_pending_block(const ShipTarget *access);
+  int send_encrypted_attack_log(const ShipTarget *target, RelpLink *relp);
+  int ship_spool(const ShipTarget *target, RelpLink *relp);
+
+  char m_name[SENDER_HOST_SIZE];
+  int32_t m_flags;
+  // Settings: written on the main thread under m_lock, read by the worker
+  // under it.
+  char m_server_host[SENDER_HOST_SIZE];
+  int32_t m_server_port;
+  int32_t m_send_interval;
+  ShipTarget m_access_target;
+  ShipTarget m_attack_target;
+  int32_t m_report_hour_base;
+  int32_t m_report_hour_span;
+  int32_t m_timeout_seconds;
+  uint32_t m_settings_gen;      // bumped by every reload the worker must see
+
+  pthread_mutex_t m_lock;
+  pthread_t m_worker;
+  int32_t m_worker_running;
+  int m_wake_fd;                // eventfd: the worker sleeps in poll on it
+  int32_t m_worker_waiting;     // the worker is (about to be) asleep
+  uint32_t m_wake_at;           // queued records that are worth a wake-up
+  volatile int32_t m_stop;
+
+  // The access queue: fixed slots, filled by recv_access_log, emptied by the
+  // worker; nothing is allocated per record.
+  char m_queue[ACCESS_QUEUE_SLOTS][ACCESS_RECORD_SIZE];
+  uint16_t m_queue_len[ACCESS_QUEUE_SLOTS];
+  uint32_t m_queue_head;         // next slot to take
+  uint32_t m_queue_count;
+  char m_access_buf[ACCESS_RECORD_SIZE];
+
+  // Pacing: a bucket of one minute's records in thousandths, refilled
+  // continuously on the monotonic clock.
+  int64_t m_tokens_milli;
+  int64_t m_tokens_at_ms;
+
+  uint32_t m_access_received;
+  AccessLosses m_lost;           // under m_lock
+  uint32_t m_lost_logged;
+
+  // The attack report in hand: offered by the loop, sealed and delivered by
+  // the worker. Under m_lock.
+  char m_report[SHIP_FRAGMENT_SIZE];
+  int32_t m_report_state;        // REPORT_ below (sender.cpp)
+
+  // Worker-only state: the block being filled, the sealed report, the
+  // spool of sealed access messages, the message identity.
+  char m_block[ACCESS_BLOCK_BYTES + ACCESS_RECORD_SIZE];
+  size_t m_block_len;
+  uint32_t m_block_records;
+  int64_t m_block_since_ms;
+  char m_report_msg[SHIP_ATTACK_MESSAGE_SIZE];
+  size_t m_report_msg_len;       // 0: no sealed report
+  char m_report_sealed_for[SHIP_FRAGMENT_SIZE];
+  char *m_spool;                 // SPOOL_BYTES of [u32 length][message], or null
+  size_t m_spool_len;
+  uint64_t m_epoch;
+  uint64_t m_seq[2];             // last sequence number: reports, access blocks
+};

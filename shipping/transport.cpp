@@ -1,13 +1,19 @@
-// The way out: syslog framing and one short TCP connection per send.
+// The way out over plain TCP, and the collector values that name it.
 // TCP rather than UDP because a sealed message is useless unless it
 // arrives whole; octet counting (RFC 6587) lets the receiver cut the
 // stream without looking inside, and rsyslog's imtcp takes it as it is.
+// Plain syslog over TCP has no acknowledgement, and bytes the kernel took
+// are not bytes the collector read: so a send ends with our half-close,
+// and only the collector's own orderly close, after it has read to our
+// end, confirms the messages. A reset, a timeout or a listener that never
+// accepts confirms nothing, and the messages stay with the sender.
 #include <errno.h>
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -21,8 +27,9 @@
 #define PORT_MAX 65535
 #define ERROR_TEXT_SIZE 128   // one strerror_r text
 
-// The send timeout is the report stage's safeguard, so its failure line
-// carries that stage's name, as the envelope's own lines do.
+// The send timeout is the report stage's safeguard, and sealing a report
+// is that stage's work: their failure lines carry its name, as the
+// envelope's own lines do.
 #define REPORT_STAGE_ERROR(...)                                                              \
   do {                                                                                       \
     if (LogSink.level < 5)                                                                   \
@@ -30,8 +37,8 @@
   } while (0)
 
 // strerror_r in either flavour: the GNU one returns its text, the XSI one
-// fills buf. Sends run on the sender's worker thread and on the main loop
-// at once, and strerror may share one buffer between them.
+// fills buf. The worker and the main loop both log, and strerror may share
+// one buffer between them.
 [[maybe_unused]] static const char *pick_error_text(const char *gnu_text, const char *buf) {
   (void)buf;
   return gnu_text;
@@ -44,7 +51,7 @@ static const char *error_text(int err, char *buf, size_t size) {
   return pick_error_text(strerror_r(err, buf, size), buf);
 }
 
-int frame_syslog_message(char kind, const char *text, char *out, size_t out_size) {
+int format_syslog_message(char kind, const char *text, char *out, size_t out_size) {
   if (out == NULL || out_size == 0) return -1;
   out[0] = '\0';
   if (text == NULL) return -1;
@@ -72,14 +79,8 @@ int frame_syslog_message(char kind, const char *text, char *out, size_t out_size
   for (char *p = host; *p; p++)
     if ((unsigned char)*p <= ' ' || (unsigned char)*p >= 0x7f) *p = '-';
 
-  char head[SHIP_FRAME_HEAD_SIZE];
-  memset(head, 0, sizeof head);
-  int h = snprintf(head, sizeof head, SHIP_PRIORITY "%s %s " SHIP_APP_NAME ": " SHIP_MARKER "%c ",
-                   stamp, host, kind);
-  if (h < 0 || (size_t)h >= sizeof head) return -1;
-
-  size_t message_len = (size_t)h + strlen(text);
-  int n = snprintf(out, out_size, "%lu %s%s", (unsigned long)message_len, head, text);
+  int n = snprintf(out, out_size, SHIP_PRIORITY "%s %s " SHIP_APP_NAME ": " SHIP_MARKER "%c %s",
+                   stamp, host, kind, text);
   if (n < 0 || (size_t)n >= out_size) {
     out[0] = '\0';
     return -1;
@@ -88,7 +89,7 @@ int frame_syslog_message(char kind, const char *text, char *out, size_t out_size
 }
 
 // connect with a deadline: a collector that drops SYNs must not hold the
-// main loop for the kernel's two minutes. A signal restarts the wait from
+// worker for the kernel's two minutes. A signal restarts the wait from
 // the full timeout; the daemon's signals are rare enough for that. The
 // socket is blocking again afterwards, so SO_SNDTIMEO governs the sends.
 // 0, or -1 with errno set.
@@ -122,33 +123,131 @@ static int connect_within(int fd, const struct sockaddr_in *addr, int timeout_ms
   return fcntl(fd, F_SETFL, flags) == 0 ? 0 : -1;
 }
 
-int send_to_syslog_server(const char *host, int port, const char *message) {
-  if (message == NULL) return -1;
-  // The reentrant lookup: a sender thread may ship access blocks while the
-  // main loop ships a report.
+int parse_collector(const char *text, ShipTarget *target, int32_t *rate) {
+  if (text == NULL || target == NULL) return -1;
+  ShipTarget t;
+  memset(&t, 0, sizeof t);
+  const char *p = text;
+  while (*p == ' ' || *p == '\t') p++;
+  t.transport = SHIP_TRANSPORT_TCP;
+  if (strncmp(p, SHIP_SCHEME_TCP, strlen(SHIP_SCHEME_TCP)) == 0) {
+    p += strlen(SHIP_SCHEME_TCP);
+  } else if (strncmp(p, SHIP_SCHEME_RELP, strlen(SHIP_SCHEME_RELP)) == 0) {
+    t.transport = SHIP_TRANSPORT_RELP;
+    p += strlen(SHIP_SCHEME_RELP);
+  }
+  size_t host_len = strcspn(p, ": \t\n/");
+  if (host_len == 0 || host_len >= sizeof t.host || p[host_len] != ':') return -1;
+  memcpy(t.host, p, host_len);
+  p += host_len + 1;
+
+  // Digits only, checked for range: "99999" or "5141x" is refused, never
+  // wrapped or cut into a port that happens to exist.
+  char *end = NULL;
+  if (*p < '0' || *p > '9') return -1;
+  errno = 0;
+  long port = strtol(p, &end, 10);
+  if (errno != 0 || port < 1 || port > PORT_MAX) return -1;
+  t.port = (int32_t)port;
+  p = end;
+  int32_t r = 0;
+  int have_rate = 0;
+  if (*p == ' ' || *p == '\t') {
+    while (*p == ' ' || *p == '\t') p++;
+    if (*p >= '0' && *p <= '9') {
+      errno = 0;
+      long long v = strtoll(p, &end, 10);
+      if (errno != 0 || v < 1 || v > SEND_INTERVAL_MAX || rate == NULL) return -1;
+      r = (int32_t)v;
+      have_rate = 1;
+      p = end;
+    }
+  }
+  while (*p == ' ' || *p == '\t' || *p == '\n' || *p == '\r') p++;
+  if (*p != '\0') return -1;
+  *target = t;
+  if (have_rate) *rate = r;
+  return 0;
+}
+
+// The collector's address. 0, or -1 ("gethostbyname error for host:%s").
+static int resolve(const ShipTarget *target, struct sockaddr_in *addr) {
+  // The reentrant lookup: tests and tools may resolve on more than one
+  // thread.
   struct hostent entry;
   struct hostent *found = NULL;
   char scratch[SHIP_HOSTENT_BUF_SIZE];
   int h_err = 0;
   memset(&entry, 0, sizeof entry);
   memset(scratch, 0, sizeof scratch);
-  if (host == NULL || host[0] == '\0' ||
-      gethostbyname_r(host, &entry, scratch, sizeof scratch, &found, &h_err) != 0 ||
+  if (target->host[0] == '\0' ||
+      gethostbyname_r(target->host, &entry, scratch, sizeof scratch, &found, &h_err) != 0 ||
       found == NULL || found->h_addrtype != AF_INET || found->h_length != 4 ||
       found->h_addr_list[0] == NULL) {
-    DLOG_ERROR("gethostbyname error for host:%s", host != NULL ? host : "");
+    DLOG_ERROR("gethostbyname error for host:%s", target->host);
     return -1;
   }
-  struct sockaddr_in addr;
-  memset(&addr, 0, sizeof addr);
-  addr.sin_family = AF_INET;
-  memcpy(&addr.sin_addr, found->h_addr_list[0], 4);
+  memset(addr, 0, sizeof *addr);
+  addr->sin_family = AF_INET;
+  memcpy(&addr->sin_addr, found->h_addr_list[0], 4);
+  addr->sin_port = htons((uint16_t)target->port);
+  return 0;
+}
+
+// Writes all of len bytes, flags passed on. 0, or -1 with errno set (0
+// when the kernel took nothing).
+static int send_all(int fd, const char *data, size_t len, int flags) {
+  size_t sent = 0;
+  while (sent < len) {
+    // MSG_NOSIGNAL: a collector that hangs up must not end the daemon.
+    ssize_t n = send(fd, data + sent, len - sent, flags | MSG_NOSIGNAL);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      if (n == 0) errno = 0;
+      return -1;
+    }
+    sent += (size_t)n;
+  }
+  return 0;
+}
+
+// After our half-close: reads (and drops) until the collector's end of
+// stream, for at most timeout_ms. 0 on an orderly end, -1 with errno set
+// on a reset, an error or the timeout.
+static int await_end_of_stream(int fd, int timeout_ms) {
+  int64_t deadline = monotonic_ms() + timeout_ms;
+  char sink[512];
+  for (;;) {
+    int64_t left = deadline - monotonic_ms();
+    if (left <= 0) {
+      errno = ETIMEDOUT;
+      return -1;
+    }
+    struct pollfd p;
+    memset(&p, 0, sizeof p);
+    p.fd = fd;
+    p.events = POLLIN;
+    int ready = poll(&p, 1, (int)left);
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready < 0) return -1;
+    if (ready == 0) continue;  // the deadline decides
+    ssize_t n = recv(fd, sink, sizeof sink, MSG_DONTWAIT);
+    if (n == 0) return 0;
+    if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)) continue;
+    if (n < 0) return -1;
+  }
+}
+
+int send_to_syslog_server(const ShipTarget *target, const char *const *msgs, const size_t *lens,
+                          int count) {
+  if (target == NULL || msgs == NULL || lens == NULL || count <= 0) return -1;
   char why[ERROR_TEXT_SIZE];
-  if (port <= 0 || port > PORT_MAX) {
+  if (target->port <= 0 || target->port > PORT_MAX) {
     DLOG_ERROR("connect() error:%s", error_text(EINVAL, why, sizeof why));
     return -1;
   }
-  addr.sin_port = htons((uint16_t)port);
+  struct sockaddr_in addr;
+  if (resolve(target, &addr) != 0) return -1;
 
   int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) {
@@ -160,7 +259,7 @@ int send_to_syslog_server(const char *host, int port, const char *message) {
   int sndbuf = SHIP_SNDBUF_SIZE;
   if (setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &sndbuf, sizeof sndbuf) != 0)
     DLOG_ERROR("set SO_SNDBUF error:%s", error_text(errno, why, sizeof why));
-  // Without the send timeout a stalled collector would block the loop for
+  // Without the send timeout a stalled collector would hold the worker for
   // good, so its failure ends the attempt.
   struct timeval timeout;
   memset(&timeout, 0, sizeof timeout);
@@ -176,44 +275,48 @@ int send_to_syslog_server(const char *host, int port, const char *message) {
     return -1;
   }
 
-  size_t len = strlen(message);
-  size_t sent = 0;
-  while (sent < len) {
-    // MSG_NOSIGNAL: a collector that hangs up must not end the daemon.
-    ssize_t n = send(fd, message + sent, len - sent, MSG_NOSIGNAL);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      DLOG_ERROR("send() error:%s", n < 0 ? error_text(errno, why, sizeof why) : "nothing sent");
+  size_t total = 0;
+  for (int i = 0; i < count; i++) {
+    char count_text[24];
+    int h = snprintf(count_text, sizeof count_text, "%lu ", (unsigned long)lens[i]);
+    if (h < 0 || (size_t)h >= sizeof count_text || msgs[i] == NULL ||
+        send_all(fd, count_text, (size_t)h, MSG_MORE) != 0 ||
+        send_all(fd, msgs[i], lens[i], i + 1 < count ? MSG_MORE : 0) != 0) {
+      DLOG_ERROR("send() error:%s", errno != 0 ? error_text(errno, why, sizeof why) : "nothing sent");
       close(fd);
       return -1;
     }
-    sent += (size_t)n;
+    total += (size_t)h + lens[i];
+  }
+  if (shutdown(fd, SHUT_WR) != 0 || await_end_of_stream(fd, SHIP_CONFIRM_TIMEOUT_SEC * 1000) != 0) {
+    DLOG_ERROR("send() error:collector did not confirm %d message(s): %s", count,
+               error_text(errno, why, sizeof why));
+    close(fd);
+    return -1;
   }
   close(fd);
-  DLOG_DEBUG("syslog send() OK:len=%d", (int)len);
+  DLOG_DEBUG("syslog send() OK:len=%d", (int)total);
   return 1;
 }
 
-int send_encrypted_attack_log(const char *host, int port, const char *fragment) {
+int build_attack_message(const char *fragment, const SealMeta *meta, char *out, size_t size) {
+  if (out == NULL || size == 0) return -1;
+  out[0] = '\0';
   char envelope[SHIP_ENVELOPE_SIZE];
   int n = build_attack_envelope(fragment, envelope, sizeof envelope);
   if (n < 0) {
-    DLOG_ERROR("encrypt attack log error:%s", "fragment missing or too long");
+    REPORT_STAGE_ERROR("encrypt attack log error:%s", "fragment missing or too long");
     return -1;
   }
   char text[SHIP_ATTACK_TEXT_SIZE];
   memset(text, 0, sizeof text);
-  int sealed = seal_message(SHIP_KIND_ATTACK, ship_public_key(SHIP_KIND_ATTACK),
+  int sealed = seal_message(SHIP_KIND_ATTACK, ship_public_key(SHIP_KIND_ATTACK), meta,
                             (const unsigned char *)envelope, (size_t)n, 0, text, sizeof text);
   if (sealed < 0) {
-    DLOG_ERROR("encrypt attack log error:%s", seal_error_text(sealed));
+    REPORT_STAGE_ERROR("encrypt attack log error:%s", seal_error_text(sealed));
     return -1;
   }
-  char frame[SHIP_ATTACK_FRAME_SIZE];
-  memset(frame, 0, sizeof frame);
-  if (frame_syslog_message(SHIP_KIND_ATTACK, text, frame, sizeof frame) < 0) {
-    DLOG_ERROR("encrypt attack log error:%s", "frame does not fit");
-    return -1;
-  }
-  return send_to_syslog_server(host, port, frame) == 1 ? 1 : -1;
+  int m = format_syslog_message(SHIP_KIND_ATTACK, text, out, size);
+  if (m < 0) REPORT_STAGE_ERROR("encrypt attack log error:%s", "message does not fit");
+  return m;
 }

@@ -344,8 +344,8 @@ TEST_F(ShippingE2E, NginxAccessLogReachesRsyslogAndDecodes) {
   EXPECT_FALSE(in_log("access records dropped")) << state();
   // Every stored message came whole through rsyslog's default size limit.
   std::string stored = read_file(rsyslog_file_);
-  EXPECT_GT(count_of(stored, " mox_logd: MOX1 L "), 0u);
-  EXPECT_EQ(count_of(stored, "MOX1 A "), 0u);
+  EXPECT_GT(count_of(stored, " mox_logd: MOX2 L "), 0u);
+  EXPECT_EQ(count_of(stored, "MOX2 A "), 0u);
 }
 
 TEST_F(ShippingE2E, AttackReportsOfFinishedDaysReachRsyslog) {

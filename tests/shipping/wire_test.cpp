@@ -127,13 +127,13 @@ class Ship : public ::testing::Test {
   }
   // Opens text with the given keys; the code, and kind and content on success.
   int open(const std::string &text, std::vector<std::string> pems, char *kind,
-           std::string *plain) {
+           std::string *plain, SealMeta *meta = nullptr) {
     std::vector<const char *> list;
     for (auto &p : pems) list.push_back(p.c_str());
     unsigned char *out = nullptr;
     size_t len = 0;
     int rc = open_sealed_message(text.data(), text.size(), list.data(), (int)list.size(), kind,
-                                 &out, &len);
+                                 meta, &out, &len);
     if (rc == 0) plain->assign((const char *)out, len);
     free(out);
     return rc;
@@ -214,29 +214,36 @@ TEST_F(Ship, SealedReportOpensOnlyWithItsKey) {
   std::string pub = slurp(key_path("attack_public.pem"));
   std::string report = std::string("{\"device_name\":\"r\",") + kFragment;
   std::vector<char> text(SHIP_BASE64_SIZE(SHIP_SEALED_MAX(report.size())));
-  int n = seal_message('A', pub.c_str(), (const unsigned char *)report.data(), report.size(), 0,
-                       text.data(), text.size());
+  SealMeta meta{0x0123456789abcdefull, 42, "SN0042"};
+  int n = seal_message('A', pub.c_str(), &meta, (const unsigned char *)report.data(),
+                       report.size(), 0, text.data(), text.size());
   ASSERT_GT(n, 0);
-  std::string sealed(text.data(), n), line = "Mar  5 07:08:09 r mox_logd: MOX1 A " + sealed + "\r";
+  std::string sealed(text.data(), n), line = "Mar  5 07:08:09 r mox_logd: MOX2 A " + sealed + "\r";
   char kind = 0;
   std::string plain;
-  EXPECT_EQ(0, open(line, {access_key, attack_key}, &kind, &plain));
+  SealMeta got{};
+  EXPECT_EQ(0, open(line, {access_key, attack_key}, &kind, &plain, &got));
   EXPECT_EQ('A', kind);
   EXPECT_EQ(report, plain);
+  EXPECT_EQ(meta.epoch, got.epoch);
+  EXPECT_EQ(42u, got.seq);
+  EXPECT_STREQ("SN0042", got.device);
   EXPECT_EQ(OPEN_NO_KEY, open(line, {access_key}, &kind, &plain));
   EXPECT_EQ(OPEN_NO_MARKER, open("Mar  5 r sshd: hello", {attack_key}, &kind, &plain));
-  EXPECT_EQ(OPEN_MALFORMED, open("MOX1 L " + sealed, {attack_key}, &kind, &plain));
-  EXPECT_EQ(OPEN_MALFORMED, open("MOX1 A " + sealed + " x", {attack_key}, &kind, &plain));
+  EXPECT_EQ(OPEN_MALFORMED, open("MOX2 L " + sealed, {attack_key}, &kind, &plain));
+  EXPECT_EQ(OPEN_MALFORMED, open("MOX2 A " + sealed + " x", {attack_key}, &kind, &plain));
+  EXPECT_EQ(OPEN_MALFORMED, open("MOX1 A " + sealed, {attack_key}, &kind, &plain))
+      << "a new layout taken for the old";
   // Every byte is covered: a change anywhere fails, never crashes.
   for (size_t at = 0; at < sealed.size(); at += 7) {
     std::string bad = sealed;
-    bad[at] = bad[at] == 'A' ? 'B' : 'A';
-    EXPECT_LT(open("MOX1 A " + bad, {attack_key}, &kind, &plain), 0) << at;
+    bad[at] = bad[at] == 'A' ? 'g' : 'A';  // a high bit: never padding alone
+    EXPECT_LT(open("MOX2 A " + bad, {attack_key}, &kind, &plain), 0) << at;
   }
   for (size_t cut = 0; cut < sealed.size(); cut += 4)
-    EXPECT_LT(open("MOX1 A " + sealed.substr(0, cut), {attack_key}, &kind, &plain), 0) << cut;
+    EXPECT_LT(open("MOX2 A " + sealed.substr(0, cut), {attack_key}, &kind, &plain), 0) << cut;
   testing::internal::CaptureStdout();
-  EXPECT_EQ(SEAL_KEY_FAILED, seal_message('A', "garbage", (const unsigned char *)"x", 1, 0,
+  EXPECT_EQ(SEAL_KEY_FAILED, seal_message('A', "garbage", &meta, (const unsigned char *)"x", 1, 0,
                                           text.data(), text.size()));
   EXPECT_NE(std::string::npos, testing::internal::GetCapturedStdout().find("Failed to create RSA"));
 }
@@ -246,10 +253,11 @@ TEST_F(Ship, AccessBlocksRoundTripLargeAndEmpty) {
   for (int i = 0; big.size() < (1u << 20); i++)
     big += "192.0.2." + std::to_string(i % 250) + " - - \"GET /item/" + std::to_string(i * 7919) +
            " HTTP/1.1\" 200 " + std::to_string(i % 9000) + "\n";
+  SealMeta meta{7, 1, ""};
   for (const std::string &block : {big, std::string()}) {
     char *frame = nullptr;
     testing::internal::CaptureStdout();
-    int n = build_encrypted_logs(block.data(), block.size(), &frame);
+    int n = build_encrypted_logs(block.data(), block.size(), &meta, &frame);
     std::string log = testing::internal::GetCapturedStdout();
     ASSERT_GT(n, 0);
     std::string text(frame, n);
@@ -267,7 +275,7 @@ TEST_F(Ship, AccessBlocksRoundTripLargeAndEmpty) {
   }
 }
 
-TEST_F(Ship, FrameIsOctetCountedSyslog) {
+TEST_F(Ship, MessageIsSyslog) {
   clock_set(1709622489);  // 2024-03-05 07:08:09 UTC
   std::string tz = getenv("TZ") ? getenv("TZ") : "";
   const std::pair<const char *, const char *> zones[] = {
@@ -277,18 +285,17 @@ TEST_F(Ship, FrameIsOctetCountedSyslog) {
     setenv("TZ", z.first, 1);
     tzset();
     char out[256];
-    int n = frame_syslog_message('L', "QUJD", out, sizeof out);
+    int n = format_syslog_message('L', "QUJD", out, sizeof out);
     std::smatch m;
-    std::string frame(out, n > 0 ? n : 0);
-    ASSERT_TRUE(std::regex_match(frame, m, std::regex(R"((\d+) (<190>(\S+) \S+ mox_logd: MOX1 L QUJD))")))
-        << frame;
-    EXPECT_EQ(std::to_string(m[2].length()), m[1].str());
-    EXPECT_EQ(z.second, m[3].str());
+    std::string message(out, n > 0 ? n : 0);
+    ASSERT_TRUE(std::regex_match(message, m, std::regex(R"(<190>(\S+) \S+ mox_logd: MOX2 L QUJD)")))
+        << message;
+    EXPECT_EQ(z.second, m[1].str());
   }
   if (tz.empty()) unsetenv("TZ"); else setenv("TZ", tz.c_str(), 1);
   tzset();
   char small[40];
-  EXPECT_EQ(-1, frame_syslog_message('A', "QUJD", small, sizeof small));
+  EXPECT_EQ(-1, format_syslog_message('A', "QUJD", small, sizeof small));
 }
 
 // A TCP socket bound to an ephemeral port of 127.0.0.1; -1 on failure.
@@ -305,7 +312,17 @@ int loopback_socket(int *port) {
   return fd;
 }
 
-TEST_F(Ship, ReportReachesACollectorWhole) {
+ShipTarget target(const char *host, int port) {
+  ShipTarget t{};
+  t.transport = SHIP_TRANSPORT_TCP;
+  std::snprintf(t.host, sizeof t.host, "%s", host);
+  t.port = port;
+  return t;
+}
+
+// Two messages on one connection, octet counted; the collector's orderly
+// close after reading them is the confirmation.
+TEST_F(Ship, MessagesReachACollectorWholeAndConfirmed) {
   REQUIRE_SANDBOX();
   int port = 0, fd = loopback_socket(&port);
   ASSERT_TRUE(fd >= 0 && listen(fd, 1) == 0);
@@ -316,36 +333,64 @@ TEST_F(Ship, ReportReachesACollectorWhole) {
     for (ssize_t n; c >= 0 && (n = read(c, buf, sizeof buf)) > 0;) got.append(buf, n);
     close(c);
   });
+  SealMeta meta{9, 1, "SN9"};
+  std::vector<char> message(SHIP_ATTACK_MESSAGE_SIZE);
   testing::internal::CaptureStdout();
-  int rc = send_encrypted_attack_log("localhost", port, kFragment);
+  int len = build_attack_message(kFragment, &meta, message.data(), message.size());
+  ASSERT_GT(len, 0);
+  const char *msgs[] = {message.data(), "<190>x"};
+  size_t lens[] = {(size_t)len, 6};
+  ShipTarget t = target("localhost", port);
+  int rc = send_to_syslog_server(&t, msgs, lens, 2);
   std::string log = testing::internal::GetCapturedStdout();
   collector.join();
   close(fd);
   ASSERT_EQ(1, rc) << log;
-  size_t sp = got.find(' ');
-  ASSERT_NE(std::string::npos, sp);
-  EXPECT_EQ(got.substr(0, sp), std::to_string(got.size() - sp - 1));
+  std::string first = std::to_string(len) + " ";
+  ASSERT_EQ(0u, got.find(first));
+  EXPECT_EQ(got.substr(first.size() + len), "6 <190>x");
   EXPECT_NE(std::string::npos, log.find("syslog send() OK:len=" + std::to_string(got.size())));
   char kind = 0;
   std::string plain;
-  ASSERT_EQ(0, open(got.substr(sp + 1), {attack_key}, &kind, &plain));
+  ASSERT_EQ(0, open(got.substr(first.size(), len), {attack_key}, &kind, &plain));
   Json j = parse_flat_object(plain);
   EXPECT_TRUE(j.ok) << plain;
   EXPECT_EQ(kReportKeys, j.keys);
 }
 
-TEST_F(Ship, UnreachableCollectorsFailQuickly) {
+TEST_F(Ship, UnreachableOrResettingCollectorsFailQuickly) {
   REQUIRE_SANDBOX();
   int port = 0, fd = loopback_socket(&port);  // bound, never listening: refuses
   ASSERT_GE(fd, 0);
+  const char *msgs[] = {"abc"};
+  size_t lens[] = {3};
   testing::internal::CaptureStdout();
-  EXPECT_EQ(-1, send_to_syslog_server("127.0.0.1", port, "3 abc"));
-  EXPECT_EQ(-1, send_encrypted_attack_log("no-such-host.invalid", 514, kFragment));
-  EXPECT_EQ(-1, send_to_syslog_server("127.0.0.1", 0, "3 abc"));
-  std::string log = testing::internal::GetCapturedStdout();
+  ShipTarget refused = target("127.0.0.1", port), unknown = target("no-such-host.invalid", 514),
+             zero = target("127.0.0.1", 0);
+  EXPECT_EQ(-1, send_to_syslog_server(&refused, msgs, lens, 1));
+  EXPECT_EQ(-1, send_to_syslog_server(&unknown, msgs, lens, 1));
+  EXPECT_EQ(-1, send_to_syslog_server(&zero, msgs, lens, 1));
   close(fd);
+  // Accepts, and resets without reading: the kernel took the bytes, the
+  // collector confirmed nothing.
+  fd = loopback_socket(&port);
+  ASSERT_TRUE(fd >= 0 && listen(fd, 1) == 0);
+  std::thread resetter([&] {
+    int c = accept(fd, nullptr, nullptr);
+    struct linger abort_close = {1, 0};
+    setsockopt(c, SOL_SOCKET, SO_LINGER, &abort_close, sizeof abort_close);
+    usleep(100000);
+    close(c);
+  });
+  ShipTarget reset = target("127.0.0.1", port);
+  EXPECT_EQ(-1, send_to_syslog_server(&reset, msgs, lens, 1));
+  resetter.join();
+  close(fd);
+  std::string log = testing::internal::GetCapturedStdout();
   EXPECT_NE(std::string::npos, log.find("connect() error:Connection refused")) << log;
   EXPECT_NE(std::string::npos, log.find("gethostbyname error for host:no-such-host.invalid"));
+  EXPECT_NE(std::string::npos, log.find("collector did not confirm 1 message(s): Connection reset"))
+      << log;
   EXPECT_EQ(std::string::npos, log.find("syslog send() OK"));
 }
 
@@ -374,38 +419,53 @@ int run_logdecode(const std::string &dir, std::vector<std::string> args, std::st
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-TEST_F(Ship, LogdecodeReadsFilesAndStreams) {
+// An octet-counted frame of a message.
+std::string frame_of(const std::string &message) {
+  return std::to_string(message.size()) + " " + message;
+}
+
+TEST_F(Ship, LogdecodeReadsFilesAndStreamsAndDropsCopies) {
   REQUIRE_SANDBOX();
   make_dir();
-  char *block_frame = nullptr;
   std::string records = "first record\nsecond record";
   std::string report = envelope();
+  auto access_message = [&](uint64_t seq, const std::string &text) {
+    SealMeta meta{0xfeedull, seq, "SN1"};
+    char *out = nullptr;
+    int n = build_encrypted_logs(text.data(), text.size(), &meta, &out);
+    std::string m(out, n > 0 ? n : 0);
+    free(out);
+    return m;
+  };
   testing::internal::CaptureStdout();
-  int n = build_encrypted_logs(records.data(), records.size(), &block_frame);
-  std::string block(block_frame, n > 0 ? n : 0);
-  free(block_frame);
+  std::string block = access_message(1, records), later = access_message(3, "third\n");
   std::string pub = slurp(key_path("attack_public.pem"));
-  std::vector<char> text(SHIP_ATTACK_TEXT_SIZE), frame(SHIP_ATTACK_FRAME_SIZE);
-  ASSERT_GT(seal_message('A', pub.c_str(), (const unsigned char *)report.data(), report.size(), 0,
-                         text.data(), text.size()), 0);
-  ASSERT_GT(frame_syslog_message('A', text.data(), frame.data(), frame.size()), 0);
+  std::vector<char> text(SHIP_ATTACK_TEXT_SIZE), message(SHIP_ATTACK_MESSAGE_SIZE);
+  SealMeta meta{0xfeedull, 1, "SN1"};
+  ASSERT_GT(seal_message('A', pub.c_str(), &meta, (const unsigned char *)report.data(),
+                         report.size(), 0, text.data(), text.size()), 0);
+  ASSERT_GT(format_syslog_message('A', text.data(), message.data(), message.size()), 0);
   testing::internal::GetCapturedStdout();
-  std::string attack(frame.data());
+  std::string attack(message.data());
 
-  // As a receiver writes them: the count is gone, one message a line.
-  auto line = [](const std::string &f) { return f.substr(f.find(' ') + 1) + "\n"; };
-  put(dir + "/lines", line(attack) + "Mar  5 r kernel: MOX1 A AAAA\n" + line(block));
-  put(dir + "/stream", block + attack);
+  // As a receiver writes them: one message a line; a resent block is a copy.
+  put(dir + "/lines", attack + "\nMar  5 r kernel: MOX2 A AAAA\n" + block + "\n" + block + "\n");
+  put(dir + "/stream", frame_of(block) + frame_of(attack) + frame_of(later) + frame_of(block));
   std::string ak = key_path("attack_private.pem"), lk = key_path("access_private.pem");
   std::string out, err;
   EXPECT_EQ(1, run_logdecode(dir, {"-k", ak, "-k", lk, dir + "/lines"}, &out, &err));
   EXPECT_EQ(report + "\n" + records + "\n", out);
   EXPECT_TRUE(err.find("mox_logdecode: ") == 0 && err.find("line 2") != std::string::npos) << err;
 
-  EXPECT_EQ(0, run_logdecode(dir, {"-k", lk, "-k", ak, dir + "/stream"}, &out, &err)) << err;
-  EXPECT_EQ(records + "\n" + report + "\n", out);
+  EXPECT_EQ(0, run_logdecode(dir, {"--stats", "-k", lk, "-k", ak, dir + "/stream"}, &out, &err))
+      << err;
+  EXPECT_EQ(records + "\n" + report + "\nthird\n", out);
+  EXPECT_NE(std::string::npos, err.find("mox_logdecode: stats: device=SN1 epoch=000000000000feed "
+                                        "kind=L decoded=2 duplicates=1 missing=1\n"))
+      << err;
+  EXPECT_NE(std::string::npos, err.find("kind=A decoded=1 duplicates=0 missing=0\n")) << err;
 
-  put(dir + "/cut", block + attack.substr(0, attack.size() - 9));
+  put(dir + "/cut", frame_of(block) + frame_of(attack).substr(0, attack.size() - 9));
   EXPECT_EQ(1, run_logdecode(dir, {"-k", ak, "-k", lk, dir + "/cut"}, &out, &err));
   EXPECT_EQ(records + "\n", out);
   EXPECT_NE(std::string::npos, err.find("truncated")) << err;
