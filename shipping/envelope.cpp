@@ -153,15 +153,21 @@ int get_device_id(char *out, size_t size) {
 
 const char *get_firmware_version(void) { return MOX_FIRMWARE_VERSION; }
 
+#define DEVICE_ID_RETRY_MS (600 * 1000)  // a device without an identifier asks again
+
 const char *cached_device_id(void) {
-  // The identifier never changes: ask once per process, and again only
-  // while it has found nothing. A command that had to be killed would cost
-  // the same wait at every report, so it is not asked again.
+  // The identifier never changes: ask once per process, and while nothing
+  // was found, again every ten minutes, not at every message (the command
+  // costs a shell). A command that had to be killed would cost its whole
+  // wait each time, so it is not asked again.
   static char known_id[SHIP_DEVICE_ID_SIZE];
   static int serial_cmd_hangs;
-  if (known_id[0] == '\0' && !serial_cmd_hangs &&
-      get_device_id(known_id, sizeof known_id) == -2)
-    serial_cmd_hangs = 1;
+  static int64_t next_ask_ms;
+  int64_t now = monotonic_ms();
+  if (known_id[0] == '\0' && !serial_cmd_hangs && now >= next_ask_ms) {
+    next_ask_ms = now + DEVICE_ID_RETRY_MS;
+    if (get_device_id(known_id, sizeof known_id) == -2) serial_cmd_hangs = 1;
+  }
   return known_id;
 }
 

@@ -1,5 +1,5 @@
 // The RELP way out: one librelp engine and one client, kept open between
-// sends and owned by the worker alone.
+// sends and owned by the sender's shipper thread alone.
 //
 // What "delivered" means here: a message counts as taken once librelp has
 // written its frame to the socket. librelp keeps every frame until the

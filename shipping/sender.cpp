@@ -1,11 +1,12 @@
 // The sender: the main loop hands it access records and attack report
-// fragments and never waits; one worker thread does everything that can
-// wait on the network: it fills blocks, seals them, keeps them in a spool
-// while the collector is away, and delivers reports and blocks.
+// fragments and never waits. The sealer thread fills blocks from the queue
+// and seals them into the spool; the shipper thread delivers the spool and
+// the reports, and alone waits on the network. A collector that is slow or
+// away therefore costs spool space, not records.
 //
-// Locking: m_lock guards what both threads touch (settings, the queue, the
-// loss counters, the report in hand). The worker holds it only to copy in
-// and out, never across sealing or a send. Everything else it keeps is its
+// Locking: m_lock guards what two threads touch (settings, the queue, the
+// loss counters, the report in hand, the spool's length). No thread holds
+// it across sealing or a send. Everything else each thread keeps is its
 // own.
 #include "shipping/shipping.h"
 
@@ -33,7 +34,9 @@
 #define SEQ_REPORT 0
 #define SEQ_ACCESS 1
 #define DELIVERY_BATCH_MESSAGES 256   // most messages on one connection
-#define SPOOL_ENTRY_HEAD 4            // the length in front of each message
+// In front of each spooled message: its length and its record count (the
+// records are counted as lost if the message never leaves).
+#define SPOOL_ENTRY_HEAD 8
 // Lost since the last line, then each cause since the start.
 #define LOSS_FORMAT                                                                          \
   "access records dropped: %u (over %d/m %u, queue full %u, spool full %u, shipping off %u, " \
@@ -149,11 +152,15 @@ RateLimitLogSender::RateLimitLogSender(const char *name, int flags)
       m_timeout_seconds(PERIOD_DEFAULT),
       m_settings_gen(0),
       m_lock(PTHREAD_MUTEX_INITIALIZER),
-      m_worker(),
-      m_worker_running(0),
-      m_wake_fd(-1),
-      m_worker_waiting(0),
+      m_sealer(),
+      m_shipper(),
+      m_sealer_running(0),
+      m_shipper_running(0),
+      m_seal_wake_fd(-1),
+      m_ship_wake_fd(-1),
+      m_sealer_waiting(0),
       m_wake_at(1),
+      m_collector_down(0),
       m_stop(0),
       m_queue(),
       m_queue_len(),
@@ -201,8 +208,10 @@ RateLimitLogSender::RateLimitLogSender(const char *name, int flags)
   if (m_epoch == 0) m_epoch = (uint64_t)monotonic_ms() << 16 ^ (uint64_t)getpid() ^ 1;
 
   if (!(m_flags & SENDER_NO_SHIPPING)) {
-    m_wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (m_wake_fd < 0) DLOG_ERROR("eventfd() error:%s", std::strerror(errno));
+    m_seal_wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    m_ship_wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (m_seal_wake_fd < 0 || m_ship_wake_fd < 0)
+      DLOG_ERROR("eventfd() error:%s", std::strerror(errno));
     // Once, for the whole run: a sealed block never waits on the heap.
     m_spool = static_cast<char *>(std::malloc(SPOOL_BYTES));
     if (m_spool == nullptr) DLOG_ERROR("no memory for the access spool: blocks wait nowhere");
@@ -212,45 +221,57 @@ RateLimitLogSender::RateLimitLogSender(const char *name, int flags)
 }
 
 RateLimitLogSender::~RateLimitLogSender() {
-  if (m_worker_running) {
-    pthread_mutex_lock(&m_lock);
-    m_stop = 1;
-    pthread_mutex_unlock(&m_lock);
-    wake_worker();
-    pthread_join(m_worker, nullptr);
-  }
-  if (m_wake_fd >= 0) close(m_wake_fd);
+  pthread_mutex_lock(&m_lock);
+  m_stop = 1;
+  pthread_mutex_unlock(&m_lock);
+  wake(m_seal_wake_fd);
+  wake(m_ship_wake_fd);
+  if (m_sealer_running) pthread_join(m_sealer, nullptr);
+  if (m_shipper_running) pthread_join(m_shipper, nullptr);
+  if (m_seal_wake_fd >= 0) close(m_seal_wake_fd);
+  if (m_ship_wake_fd >= 0) close(m_ship_wake_fd);
   std::free(m_spool);
   pthread_mutex_destroy(&m_lock);
 }
 
 int RateLimitLogSender::start_thread() {
-  if (m_worker_running) return 0;
-  if (m_wake_fd < 0) {
+  if (m_sealer_running && m_shipper_running) return 0;
+  if (m_seal_wake_fd < 0 || m_ship_wake_fd < 0) {
     DLOG_ERROR("Create pthread error!");
     return -1;
   }
   // The loop's signals must reach the main thread, whose select they wake:
-  // the worker blocks them all.
+  // the threads block them all.
   sigset_t all, old;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &old);
-  int rc = pthread_create(&m_worker, nullptr, worker_main, this);
+  int failed = 0;
+  if (!m_sealer_running) {
+    if (pthread_create(&m_sealer, nullptr, sealer_main, this) == 0)
+      m_sealer_running = 1;
+    else
+      failed = 1;
+  }
+  if (!m_shipper_running) {
+    if (pthread_create(&m_shipper, nullptr, shipper_main, this) == 0)
+      m_shipper_running = 1;
+    else
+      failed = 1;
+  }
   pthread_sigmask(SIG_SETMASK, &old, nullptr);
-  if (rc != 0) {
+  if (failed) {
     DLOG_ERROR("Create pthread error!");
     return -1;
   }
-  m_worker_running = 1;
   return 0;
 }
 
-void RateLimitLogSender::wake_worker() {
-  if (m_wake_fd < 0) return;
+void RateLimitLogSender::wake(int fd) {
+  if (fd < 0) return;
   uint64_t one = 1;
   // A full counter (never in practice) is a wake-up already pending.
-  if (write(m_wake_fd, &one, sizeof one) < 0 && errno != EAGAIN)
-    DLOG_ERROR("wake worker error:%s", std::strerror(errno));
+  if (write(fd, &one, sizeof one) < 0 && errno != EAGAIN)
+    DLOG_ERROR("wake-up error:%s", std::strerror(errno));
 }
 
 int RateLimitLogSender::timeout_seconds() const { return m_timeout_seconds; }
@@ -262,7 +283,8 @@ int RateLimitLogSender::reload_config() {
     return -1;
   }
   apply_settings(s);
-  wake_worker();
+  wake(m_seal_wake_fd);
+  wake(m_ship_wake_fd);
   DLOG_INFO("(%s) reload configure: server=%s:%d, m_send_interval=%d/m", __func__,
             m_server_host, m_server_port, m_send_interval);
   return 0;
@@ -299,7 +321,7 @@ int RateLimitLogSender::recv_access_log(int fd) {
   ssize_t n = recv(fd, m_access_buf, sizeof m_access_buf - 1, MSG_DONTWAIT | MSG_TRUNC);
   if (n < 0) return -1;
   m_access_received++;
-  int wake = 0;
+  int wake_sealer = 0;
   pthread_mutex_lock(&m_lock);
   if ((size_t)n > sizeof m_access_buf - 1) {
     m_lost.too_long++;
@@ -307,8 +329,8 @@ int RateLimitLogSender::recv_access_log(int fd) {
     m_lost.shipping_off++;
   } else if (!take_token()) {
     m_lost.over_rate++;
-  } else if (m_queue_count == ACCESS_QUEUE_SLOTS || !m_worker_running) {
-    // Without a worker nothing would ever empty the queue.
+  } else if (m_queue_count == ACCESS_QUEUE_SLOTS || !m_sealer_running) {
+    // Without a sealer nothing would ever empty the queue.
     m_lost.queue_full++;
   } else {
     uint32_t slot = (m_queue_head + m_queue_count) % ACCESS_QUEUE_SLOTS;
@@ -316,13 +338,13 @@ int RateLimitLogSender::recv_access_log(int fd) {
     m_queue_len[slot] = (uint16_t)n;
     m_queue_count++;
     // One wake-up per sleep, and only once it is worth one.
-    if (m_worker_waiting && m_queue_count >= m_wake_at) {
-      m_worker_waiting = 0;
-      wake = 1;
+    if (m_sealer_waiting && m_queue_count >= m_wake_at) {
+      m_sealer_waiting = 0;
+      wake_sealer = 1;
     }
   }
   pthread_mutex_unlock(&m_lock);
-  if (wake) wake_worker();
+  if (wake_sealer) wake(m_seal_wake_fd);
   return (size_t)n > sizeof m_access_buf - 1 ? (int)(sizeof m_access_buf - 1) : (int)n;
 }
 
@@ -336,8 +358,8 @@ AccessLosses RateLimitLogSender::access_losses() {
 uint32_t RateLimitLogSender::access_dropped() { return loss_total(access_losses()); }
 
 int RateLimitLogSender::timeout_tick() {
-  // A worker that could not be created is tried again once a period.
-  if (!m_worker_running && !(m_flags & SENDER_NO_SHIPPING)) start_thread();
+  // A thread that could not be created is tried again once a period.
+  if (!(m_sealer_running && m_shipper_running) && !(m_flags & SENDER_NO_SHIPPING)) start_thread();
   AccessLosses l = access_losses();
   uint32_t total = loss_total(l);
   if (total != m_lost_logged) {
@@ -359,10 +381,10 @@ int RateLimitLogSender::timeout_tick() {
 }
 
 int RateLimitLogSender::send_attack_report(const char *fragment) {
-  if (fragment == nullptr || (m_flags & SENDER_NO_SHIPPING) || !m_worker_running ||
+  if (fragment == nullptr || (m_flags & SENDER_NO_SHIPPING) || !m_shipper_running ||
       std::strlen(fragment) >= sizeof m_report)
     return 0;
-  int result = 0, wake = 0;
+  int result = 0, offered = 0;
   pthread_mutex_lock(&m_lock);
   if (m_attack_target.host[0] == '\0') {
     // No collector: the ring keeps the day.
@@ -375,15 +397,20 @@ int RateLimitLogSender::send_attack_report(const char *fragment) {
   } else {
     std::snprintf(m_report, sizeof m_report, "%s", fragment);
     m_report_state = REPORT_OFFERED;
-    wake = 1;
+    offered = 1;
   }
   pthread_mutex_unlock(&m_lock);
-  if (wake) wake_worker();
+  if (offered) wake(m_ship_wake_fd);
   return result;
 }
 
-void *RateLimitLogSender::worker_main(void *self) {
-  static_cast<RateLimitLogSender *>(self)->worker_loop();
+void *RateLimitLogSender::sealer_main(void *self) {
+  static_cast<RateLimitLogSender *>(self)->sealer_loop();
+  return nullptr;
+}
+
+void *RateLimitLogSender::shipper_main(void *self) {
+  static_cast<RateLimitLogSender *>(self)->shipper_loop();
   return nullptr;
 }
 
@@ -424,22 +451,25 @@ int RateLimitLogSender::seal_pending_block(const ShipTarget *access) {
     meta.seq = m_seq[SEQ_ACCESS] + 1;
     std::snprintf(meta.device, sizeof meta.device, "%s", cached_device_id());
     n = build_encrypted_logs(m_block, m_block_len, &meta, &message);
-    if (n < 0)
-      cause = &m_lost.unsealable;
-    else if (m_spool == nullptr || m_spool_len + SPOOL_ENTRY_HEAD + (size_t)n > SPOOL_BYTES)
-      cause = &m_lost.spool_full;  // the oldest go first; the newest wait
+    if (n < 0) cause = &m_lost.unsealable;
   }
-  if (cause == nullptr) {
-    m_seq[SEQ_ACCESS]++;
-    uint32_t len = (uint32_t)n;
-    std::memcpy(m_spool + m_spool_len, &len, SPOOL_ENTRY_HEAD);
-    std::memcpy(m_spool + m_spool_len + SPOOL_ENTRY_HEAD, message, (size_t)n);
-    m_spool_len += SPOOL_ENTRY_HEAD + (size_t)n;
-  } else {
-    pthread_mutex_lock(&m_lock);
+  // The append is under the lock: the shipper moves what is left up after
+  // a delivery. It never touches the bytes behind the length.
+  pthread_mutex_lock(&m_lock);
+  size_t end = m_spool_len;
+  if (cause == nullptr && (m_spool == nullptr || end + SPOOL_ENTRY_HEAD + (size_t)n > SPOOL_BYTES))
+    cause = &m_lost.spool_full;  // the oldest go first; the newest wait
+  if (cause != nullptr) {
     *cause += records;
-    pthread_mutex_unlock(&m_lock);
+  } else {
+    m_seq[SEQ_ACCESS]++;
+    uint32_t head[2] = {(uint32_t)n, records};
+    std::memcpy(m_spool + end, head, SPOOL_ENTRY_HEAD);
+    std::memcpy(m_spool + end + SPOOL_ENTRY_HEAD, message, (size_t)n);
+    m_spool_len = end + SPOOL_ENTRY_HEAD + (size_t)n;
   }
+  pthread_mutex_unlock(&m_lock);
+  if (cause == nullptr) wake(m_ship_wake_fd);
   std::free(message);
   m_block_len = 0;
   m_block_records = 0;
@@ -450,14 +480,19 @@ int RateLimitLogSender::seal_pending_block(const ShipTarget *access) {
 // burst on the kept RELP session). 0 once it is empty; -1 when a batch
 // failed, and what was not delivered stays.
 int RateLimitLogSender::ship_spool(const ShipTarget *target, RelpLink *relp) {
-  while (m_spool_len > 0) {
+  for (;;) {
+    pthread_mutex_lock(&m_lock);
+    size_t spool_len = m_spool_len;
+    pthread_mutex_unlock(&m_lock);
+    if (spool_len == 0) return 0;
+    // The front of the spool is the shipper's: the sealer only appends.
     const char *msgs[DELIVERY_BATCH_MESSAGES];
     size_t lens[DELIVERY_BATCH_MESSAGES];
     int count = 0;
     size_t at = 0, bytes = 0;
-    while (at < m_spool_len && count < DELIVERY_BATCH_MESSAGES) {
+    while (at < spool_len && count < DELIVERY_BATCH_MESSAGES) {
       uint32_t len = 0;
-      std::memcpy(&len, m_spool + at, SPOOL_ENTRY_HEAD);
+      std::memcpy(&len, m_spool + at, sizeof len);
       if (count > 0 && bytes + len > DELIVERY_BATCH_BYTES) break;
       msgs[count] = m_spool + at + SPOOL_ENTRY_HEAD;
       lens[count] = len;
@@ -472,12 +507,14 @@ int RateLimitLogSender::ship_spool(const ShipTarget *target, RelpLink *relp) {
       taken = send_to_syslog_server(target, msgs, lens, count) == 1 ? count : 0;
     if (taken > 0) {
       size_t done = (size_t)(msgs[taken - 1] - m_spool) + lens[taken - 1];
+      // Under the lock: the sealer must not append while the rest moves up.
+      pthread_mutex_lock(&m_lock);
       std::memmove(m_spool, m_spool + done, m_spool_len - done);
       m_spool_len -= done;
+      pthread_mutex_unlock(&m_lock);
     }
     if (taken < count) return -1;
   }
-  return 0;
 }
 
 // Seals the report in hand once (its sequence number then stays with it
@@ -519,10 +556,70 @@ int RateLimitLogSender::send_encrypted_attack_log(const ShipTarget *target, Relp
   return 1;
 }
 
-// The worker: wakes for records, a report, a reload or a due time, and
-// sleeps in poll on the wake-up descriptor otherwise. Every pause is
-// relative and on the monotonic clock.
-void RateLimitLogSender::worker_loop() {
+// Sleeps in poll on fd for at most timeout_ms (-1: until woken), then
+// takes the wake-ups.
+static void sleep_on(int fd, int timeout_ms) {
+  struct pollfd p;
+  std::memset(&p, 0, sizeof p);
+  p.fd = fd;
+  p.events = POLLIN;
+  if (poll(&p, 1, timeout_ms) > 0) {
+    uint64_t count = 0;
+    if (read(fd, &count, sizeof count) < 0 && errno != EAGAIN)
+      DLOG_ERROR("wake-up read error:%s", std::strerror(errno));
+  }
+}
+
+// Milliseconds from now to due, within 0..60000; -1 for no due time.
+static int wait_until(int64_t due, int64_t now) {
+  if (due < 0) return -1;
+  if (due <= now) return 0;
+  return due - now > 60000 ? 60000 : (int)(due - now);
+}
+
+// The sealer: wakes for records, a reload or the end of a linger, and fills
+// and seals blocks. Every pause is relative and on the monotonic clock.
+void RateLimitLogSender::sealer_loop() {
+  ShipTarget access;
+  std::memset(&access, 0, sizeof access);
+  for (;;) {
+    pthread_mutex_lock(&m_lock);
+    if (m_stop) {
+      pthread_mutex_unlock(&m_lock);
+      break;
+    }
+    access = m_access_target;
+    take_queued_records();
+    int queue_left = m_queue_count > 0;
+    int64_t linger = m_collector_down ? ACCESS_LINGER_DOWN_MS : ACCESS_LINGER_MS;
+    pthread_mutex_unlock(&m_lock);
+
+    int64_t now = monotonic_ms();
+    if (m_block_records > 0 &&
+        (queue_left || m_block_records >= ACCESS_BLOCK_RECORDS ||
+         m_block_len >= ACCESS_BLOCK_BYTES || now - m_block_since_ms >= linger))
+      seal_pending_block(&access);
+
+    now = monotonic_ms();
+    pthread_mutex_lock(&m_lock);
+    // A partial block sleeps until the queue is half full or its linger
+    // ends; an empty one wakes for the first record.
+    m_wake_at = m_block_records > 0 ? ACCESS_QUEUE_SLOTS / 2 : 1;
+    int busy = m_stop || m_queue_count >= m_wake_at;
+    m_sealer_waiting = !busy;
+    linger = m_collector_down ? ACCESS_LINGER_DOWN_MS : ACCESS_LINGER_MS;
+    pthread_mutex_unlock(&m_lock);
+    sleep_on(m_seal_wake_fd,
+             busy ? 0 : wait_until(m_block_records > 0 ? m_block_since_ms + linger : -1, now));
+    pthread_mutex_lock(&m_lock);
+    m_sealer_waiting = 0;
+    pthread_mutex_unlock(&m_lock);
+  }
+}
+
+// The shipper: wakes for a sealed block, a report, a reload or the end of
+// a pause, and delivers. The only thread that waits on the network.
+void RateLimitLogSender::shipper_loop() {
   // One RELP session per collector; reports share the access session when
   // both go to the same place.
   RelpLink *access_link = relp_link_new();
@@ -549,35 +646,39 @@ void RateLimitLogSender::worker_loop() {
       access_wait = Backoff{0, 0};
       report_wait = Backoff{0, 0};
     }
-    take_queued_records();
-    int queue_left = m_queue_count > 0;
     int report_offered = m_report_state == REPORT_OFFERED;
+    size_t spool_len = m_spool_len;
+    if (spool_len > 0 && access.host[0] == '\0') {
+      // Shipping turned off by a reload: the spool has nowhere to go.
+      for (size_t at = 0; at < m_spool_len;) {
+        uint32_t head[2] = {0, 0};
+        std::memcpy(head, m_spool + at, SPOOL_ENTRY_HEAD);
+        m_lost.shipping_off += head[1];
+        at += SPOOL_ENTRY_HEAD + head[0];
+      }
+      m_spool_len = 0;
+      spool_len = 0;
+    }
     pthread_mutex_unlock(&m_lock);
 
     int64_t now = monotonic_ms();
-    int collector_up = access_wait.seconds == 0;
-    // While the collector is away, blocks fill up before they are sealed:
-    // fewer, fuller messages make the spool last longer.
-    if (m_block_records > 0 &&
-        (queue_left || m_block_records >= ACCESS_BLOCK_RECORDS ||
-         m_block_len >= ACCESS_BLOCK_BYTES ||
-         (collector_up && now - m_block_since_ms >= ACCESS_LINGER_MS) ||
-         (!collector_up && now >= access_wait.retry_at_ms)))
-      seal_pending_block(&access);
-
     RelpLink *report_link = same_target(attack, access) ? access_link : attack_link;
     if ((report_offered || m_report_msg_len > 0) && now >= report_wait.retry_at_ms) {
       int rc = send_encrypted_attack_log(&attack, report_link);
       if (rc == 1) report_wait = Backoff{0, 0};
       if (rc < 0) back_off(&report_wait);
     }
-    if (m_spool_len > 0 && now >= access_wait.retry_at_ms) {
-      if (access.host[0] == '\0') {
-        m_spool_len = 0;  // shipping turned off: nowhere to go
-      } else if (ship_spool(&access, access_link) == 0) {
+    if (spool_len > 0 && now >= access_wait.retry_at_ms) {
+      int was_down = access_wait.seconds != 0;
+      if (ship_spool(&access, access_link) == 0)
         access_wait = Backoff{0, 0};
-      } else {
+      else
         back_off(&access_wait);
+      if (was_down != (access_wait.seconds != 0)) {
+        pthread_mutex_lock(&m_lock);
+        m_collector_down = access_wait.seconds != 0;
+        pthread_mutex_unlock(&m_lock);
+        wake(m_seal_wake_fd);  // its linger follows the collector
       }
     }
 
@@ -587,37 +688,15 @@ void RateLimitLogSender::worker_loop() {
     auto sooner = [&due](int64_t at) {
       if (due < 0 || at < due) due = at;
     };
-    if (m_block_records > 0)
-      sooner(access_wait.seconds == 0 ? m_block_since_ms + ACCESS_LINGER_MS
-                                      : access_wait.retry_at_ms);
+    pthread_mutex_lock(&m_lock);
     if (m_spool_len > 0) sooner(access_wait.retry_at_ms);
-    pthread_mutex_lock(&m_lock);
     if (m_report_state == REPORT_OFFERED) sooner(report_wait.retry_at_ms);
-    // A partial block sleeps until the queue is half full or its linger
-    // ends; an empty one wakes for the first record.
-    m_wake_at = m_block_records > 0 ? ACCESS_QUEUE_SLOTS / 2 : 1;
     // What arrived since the look above must not wait for the next one.
-    int busy = m_stop || seen_gen != m_settings_gen || m_queue_count >= m_wake_at ||
-               (m_report_state == REPORT_OFFERED && !report_offered);
-    m_worker_waiting = !busy;
+    int busy = m_stop || seen_gen != m_settings_gen ||
+               (m_report_state == REPORT_OFFERED && !report_offered) ||
+               (m_spool_len > spool_len && access_wait.seconds == 0);
     pthread_mutex_unlock(&m_lock);
-    int timeout = -1;
-    if (busy)
-      timeout = 0;
-    else if (due >= 0)
-      timeout = due <= now ? 0 : due - now > 60000 ? 60000 : (int)(due - now);
-    struct pollfd p;
-    std::memset(&p, 0, sizeof p);
-    p.fd = m_wake_fd;
-    p.events = POLLIN;
-    if (poll(&p, 1, timeout) > 0) {
-      uint64_t count = 0;
-      if (read(m_wake_fd, &count, sizeof count) < 0 && errno != EAGAIN)
-        DLOG_ERROR("worker wake-up read error:%s", std::strerror(errno));
-    }
-    pthread_mutex_lock(&m_lock);
-    m_worker_waiting = 0;
-    pthread_mutex_unlock(&m_lock);
+    sleep_on(m_ship_wake_fd, busy ? 0 : wait_until(due, now));
   }
   relp_link_free(access_link);
   relp_link_free(attack_link);

@@ -11,12 +11,14 @@
 #define SENDER_HOST_SIZE 256          // host name of a collector
 #define ACCESS_RECORD_SIZE 2560       // one access record, NUL included: nginx's
                                       // longest syslog line with its header
-#define ACCESS_QUEUE_SLOTS 128        // records waiting for the worker
+#define ACCESS_QUEUE_SLOTS 128        // records waiting for the sealer
 #define ACCESS_BLOCK_RECORDS 64       // most records sealed into one block
 #define ACCESS_BLOCK_BYTES 4096       // most record bytes in one block: even
                                       // incompressible, its message stays
                                       // below a receiver's usual 8 KiB limit
 #define ACCESS_LINGER_MS 200          // a partial block waits this long for more
+#define ACCESS_LINGER_DOWN_MS 5000    // ... while the collector is away: fuller
+                                      // blocks make the spool last longer
 #define SPOOL_BYTES (1u << 20)        // sealed access messages waiting for the
                                       // collector: over ten minutes at 600/m
 #define DELIVERY_BATCH_BYTES (256u << 10)  // most message bytes on one connection
@@ -99,8 +101,8 @@ int get_device_name(char *out, size_t size);
 // when out stays "", -2 when out stays "" and the command was killed.
 int get_device_id(char *out, size_t size);
 
-// get_device_id's answer, asked once per process and kept; "" when there
-// is none. For one thread only: the sender's worker.
+// get_device_id's answer, asked once per process and kept (while there is
+// none, asked again every ten minutes); "" when there is none.
 const char *cached_device_id(void);
 
 // The compiled-in version tag "<version>-<YYYYMMDD>-<revision>".
@@ -196,8 +198,8 @@ struct ShipTarget {
   int32_t port;                        // 1..65535
 };
 
-// The worker's one RELP session, kept open between sends. Used by the
-// worker alone: no lock guards it.
+// The shipper's one RELP session to a collector, kept open between sends.
+// Used by the shipper alone: no lock guards it.
 struct RelpLink;
 
 // Parses "[tcp://|relp://]HOST:PORT", and with rate not null an optional
@@ -266,7 +268,7 @@ const char *open_error_text(int code);
 // Access records lost inside the daemon, by cause.
 struct AccessLosses {
   uint32_t over_rate;     // beyond RATE records a minute
-  uint32_t queue_full;    // the worker's queue was full (or no worker runs)
+  uint32_t queue_full;    // the sealer's queue was full (or no sealer runs)
   uint32_t spool_full;    // sealed, but no room left while the collector is away
   uint32_t shipping_off;  // no logserver set
   uint32_t too_long;      // a datagram longer than ACCESS_RECORD_SIZE - 1
@@ -275,10 +277,12 @@ struct AccessLosses {
 
 // The sender: the way records leave the appliance. main builds one on its
 // stack (it holds the access queue, so it is large) and keeps it for the
-// whole run. Every member below is called on the main loop's thread; all
-// network work (name lookups, connects, sends, waits for the collector)
-// happens on the worker thread, so a dead collector or DNS server never
-// holds up the loop.
+// whole run. Every member below is called on the main loop's thread. Two
+// worker threads do the rest: the sealer fills blocks from the queue and
+// seals them into the spool; the shipper seals reports and does all
+// network work (name lookups, connects, sends, waits for the collector).
+// So a dead collector or DNS server never holds up the loop, and a slow
+// one never holds up the sealing: the spool takes the wait.
 //
 // Settings come from the stored sections, read at construction and on
 // reload_config:
@@ -302,12 +306,12 @@ struct AccessLosses {
 // number, so the collector's reader drops the copy.
 class RateLimitLogSender {
  public:
-  // Reads the settings, starts the worker (not with SENDER_NO_SHIPPING in
+  // Reads the settings, starts the threads (not with SENDER_NO_SHIPPING in
   // flags) and logs "RateLimitLogSender init Done!". name is kept for the
   // log.
   RateLimitLogSender(const char *name, int flags);
 
-  // Stops the worker. Reached only when an exception leaves main.
+  // Stops the threads. Reached only when an exception leaves main.
   ~RateLimitLogSender();
 
   // Seconds of the main loop's wait: the settings file's "mox_logd_period",
@@ -315,16 +319,16 @@ class RateLimitLogSender {
   int timeout_seconds() const;
 
   // Reads one datagram from the access socket without waiting and queues it
-  // for the worker; a record lost here is counted by its cause. Bytes
+  // for the sealer; a record lost here is counted by its cause. Bytes
   // read, or below 0 when nothing could be read.
   int recv_access_log(int fd);
 
-  // Rereads the settings and wakes the worker, which starts them with a
+  // Rereads the settings and wakes the threads, which start them with a
   // fresh back-off. 0 on success; -1 when a stored value is broken or the
   // store unreadable, and the old settings stay in force.
   int reload_config();
 
-  // Work at each timeout: starts the worker if it could not be started
+  // Work at each timeout: starts a thread that could not be started
   // before, and logs the access records lost since the last timeout, once.
   // Returns 0.
   int timeout_tick();
@@ -333,14 +337,15 @@ class RateLimitLogSender {
   int report_hour_span() const;
   int report_hour_base() const;
 
-  // Offers one attack report fragment. 1 once the worker has delivered
+  // Offers one attack report fragment. 1 once the shipper has delivered
   // this very fragment (the call after the delivery says so); 0 while it is
   // on its way, or when no collector is set or this instance does not ship.
   // Never waits on the network. The caller keeps what is not yet 1.
   int send_attack_report(const char *fragment);
 
-  // Starts the worker thread ("Create pthread error!" when it cannot).
-  // 0, or -1 (records are then dropped, counted).
+  // Starts the sealer and shipper threads that are not running yet
+  // ("Create pthread error!" when one cannot be). 0, or -1 (records are
+  // then dropped and counted, reports kept by the cycle).
   int start_thread();
 
   // Access records read since start, and lost by cause.
@@ -360,9 +365,11 @@ class RateLimitLogSender {
 
   static void default_settings(Settings *s);
   static int load_settings(Settings *s);
-  static void *worker_main(void *self);
-  void worker_loop();
-  void wake_worker();
+  static void *sealer_main(void *self);
+  static void *shipper_main(void *self);
+  void sealer_loop();
+  void shipper_loop();
+  void wake(int fd);
   int take_token();
   void apply_settings(const Settings &s);
   void take_queued_records();
@@ -372,7 +379,7 @@ class RateLimitLogSender {
 
   char m_name[SENDER_HOST_SIZE];
   int32_t m_flags;
-  // Settings: written on the main thread under m_lock, read by the worker
+  // Settings: written on the main thread under m_lock, read by the threads
   // under it.
   char m_server_host[SENDER_HOST_SIZE];
   int32_t m_server_port;
@@ -382,18 +389,22 @@ class RateLimitLogSender {
   int32_t m_report_hour_base;
   int32_t m_report_hour_span;
   int32_t m_timeout_seconds;
-  uint32_t m_settings_gen;      // bumped by every reload the worker must see
+  uint32_t m_settings_gen;      // bumped by every reload the threads must see
 
   pthread_mutex_t m_lock;
-  pthread_t m_worker;
-  int32_t m_worker_running;
-  int m_wake_fd;                // eventfd: the worker sleeps in poll on it
-  int32_t m_worker_waiting;     // the worker is (about to be) asleep
+  pthread_t m_sealer;
+  pthread_t m_shipper;
+  int32_t m_sealer_running;
+  int32_t m_shipper_running;
+  int m_seal_wake_fd;           // eventfds: each thread sleeps in poll on its own
+  int m_ship_wake_fd;
+  int32_t m_sealer_waiting;     // the sealer is (about to be) asleep
   uint32_t m_wake_at;           // queued records that are worth a wake-up
+  int32_t m_collector_down;     // the shipper is pausing after a failure
   volatile int32_t m_stop;
 
   // The access queue: fixed slots, filled by recv_access_log, emptied by the
-  // worker; nothing is allocated per record.
+  // sealer; nothing is allocated per record.
   char m_queue[ACCESS_QUEUE_SLOTS][ACCESS_RECORD_SIZE];
   uint16_t m_queue_len[ACCESS_QUEUE_SLOTS];
   uint32_t m_queue_head;         // next slot to take
@@ -410,12 +421,14 @@ class RateLimitLogSender {
   uint32_t m_lost_logged;
 
   // The attack report in hand: offered by the loop, sealed and delivered by
-  // the worker. Under m_lock.
+  // the shipper. Under m_lock.
   char m_report[SHIP_FRAGMENT_SIZE];
   int32_t m_report_state;        // REPORT_ below (sender.cpp)
 
-  // Worker-only state: the block being filled, the sealed report, the
-  // spool of sealed access messages, the message identity.
+  // The sealer's own: the block being filled. The shipper's own: the
+  // sealed report. The spool: the sealer appends behind m_spool_len, the
+  // shipper sends from the front and takes delivered messages off it;
+  // m_spool_len is under m_lock.
   char m_block[ACCESS_BLOCK_BYTES + ACCESS_RECORD_SIZE];
   size_t m_block_len;
   uint32_t m_block_records;
