@@ -21,6 +21,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 
 int main(int argc, char **argv) {
   if (argc != 4) {

@@ -37,7 +37,7 @@ int compress_data(const unsigned char *data, size_t len, unsigned char **out, si
   int ok = deflater.ready ? deflateReset(z) == Z_OK : 0;
   if (!deflater.ready) {
     memset(z, 0, sizeof *z);
-    ok = deflateInit(z, Z_DEFAULT_COMPRESSION) == Z_OK;
+    ok = deflateInit(z, Z_BEST_SPEED) == Z_OK;
     deflater.ready = ok;
   }
   static unsigned char nothing[1] = {0};

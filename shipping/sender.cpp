@@ -315,37 +315,63 @@ int RateLimitLogSender::take_token() {
 }
 
 int RateLimitLogSender::recv_access_log(int fd) {
-  // Always read: one datagram per call keeps the socket from filling.
-  // MSG_TRUNC gives the datagram's real length, so a record too long for a
-  // slot is counted, never cut.
-  ssize_t n = recv(fd, m_access_buf, sizeof m_access_buf - 1, MSG_DONTWAIT | MSG_TRUNC);
-  if (n < 0) return -1;
-  m_access_received++;
-  int wake_sealer = 0;
+  // Up to ACCESS_RECV_BATCH datagrams in one call, straight into the free
+  // slots behind the queue's tail: those are the loop's alone, since the
+  // sealer takes from the head only. Always read, even with the queue full
+  // (into the scratch buffer, then counted): a socket left full would make
+  // the proxy's sends fail where nobody counts them. MSG_TRUNC gives each
+  // datagram's real length, so a record too long for a slot is counted,
+  // never cut.
   pthread_mutex_lock(&m_lock);
-  if ((size_t)n > sizeof m_access_buf - 1) {
-    m_lost.too_long++;
-  } else if (m_server_host[0] == '\0' || (m_flags & SENDER_NO_SHIPPING)) {
-    m_lost.shipping_off++;
-  } else if (!take_token()) {
-    m_lost.over_rate++;
-  } else if (m_queue_count == ACCESS_QUEUE_SLOTS || !m_sealer_running) {
-    // Without a sealer nothing would ever empty the queue.
-    m_lost.queue_full++;
-  } else {
-    uint32_t slot = (m_queue_head + m_queue_count) % ACCESS_QUEUE_SLOTS;
-    std::memcpy(m_queue[slot], m_access_buf, (size_t)n);
-    m_queue_len[slot] = (uint16_t)n;
-    m_queue_count++;
-    // One wake-up per sleep, and only once it is worth one.
-    if (m_sealer_waiting && m_queue_count >= m_wake_at) {
-      m_sealer_waiting = 0;
-      wake_sealer = 1;
+  uint32_t tail = (m_queue_head + m_queue_count) % ACCESS_QUEUE_SLOTS;
+  uint32_t room = m_sealer_running ? ACCESS_QUEUE_SLOTS - m_queue_count : 0;
+  pthread_mutex_unlock(&m_lock);
+  uint32_t want = room == 0 ? 1 : room < ACCESS_RECV_BATCH ? room : ACCESS_RECV_BATCH;
+  struct mmsghdr msgs[ACCESS_RECV_BATCH];
+  struct iovec iov[ACCESS_RECV_BATCH];
+  std::memset(msgs, 0, sizeof msgs);
+  for (uint32_t i = 0; i < want; i++) {
+    iov[i].iov_base = room == 0 ? m_access_buf : m_queue[(tail + i) % ACCESS_QUEUE_SLOTS];
+    iov[i].iov_len = ACCESS_RECORD_SIZE - 1;
+    msgs[i].msg_hdr.msg_iov = &iov[i];
+    msgs[i].msg_hdr.msg_iovlen = 1;
+  }
+  int got = recvmmsg(fd, msgs, want, MSG_DONTWAIT | MSG_TRUNC, nullptr);
+  if (got <= 0) return -1;
+
+  int bytes = 0, wake_sealer = 0;
+  uint32_t placed = 0;
+  pthread_mutex_lock(&m_lock);
+  for (int i = 0; i < got; i++) {
+    size_t n = msgs[i].msg_len;
+    m_access_received++;
+    bytes += (int)(n < ACCESS_RECORD_SIZE - 1 ? n : ACCESS_RECORD_SIZE - 1);
+    if (n > ACCESS_RECORD_SIZE - 1 || (msgs[i].msg_hdr.msg_flags & MSG_TRUNC)) {
+      m_lost.too_long++;
+    } else if (m_server_host[0] == '\0' || (m_flags & SENDER_NO_SHIPPING)) {
+      m_lost.shipping_off++;
+    } else if (!take_token()) {
+      m_lost.over_rate++;
+    } else if (room == 0) {
+      // Without a sealer nothing would ever empty the queue.
+      m_lost.queue_full++;
+    } else {
+      // Records dropped above leave gaps; the kept ones close up.
+      uint32_t slot = (tail + placed) % ACCESS_QUEUE_SLOTS;
+      if (placed != (uint32_t)i) std::memcpy(m_queue[slot], iov[i].iov_base, n);
+      m_queue_len[slot] = (uint16_t)n;
+      placed++;
     }
+  }
+  m_queue_count += placed;
+  // One wake-up per sleep, and only once it is worth one.
+  if (placed > 0 && m_sealer_waiting && m_queue_count >= m_wake_at) {
+    m_sealer_waiting = 0;
+    wake_sealer = 1;
   }
   pthread_mutex_unlock(&m_lock);
   if (wake_sealer) wake(m_seal_wake_fd);
-  return (size_t)n > sizeof m_access_buf - 1 ? (int)(sizeof m_access_buf - 1) : (int)n;
+  return bytes;
 }
 
 AccessLosses RateLimitLogSender::access_losses() {

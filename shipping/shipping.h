@@ -12,6 +12,7 @@
 #define ACCESS_RECORD_SIZE 2560       // one access record, NUL included: nginx's
                                       // longest syslog line with its header
 #define ACCESS_QUEUE_SLOTS 128        // records waiting for the sealer
+#define ACCESS_RECV_BATCH 32          // most datagrams one recv_access_log takes
 #define ACCESS_BLOCK_RECORDS 64       // most records sealed into one block
 #define ACCESS_BLOCK_BYTES 4096       // most record bytes in one block: even
                                       // incompressible, its message stays
@@ -318,9 +319,9 @@ class RateLimitLogSender {
   // 60 when absent or outside 1..3600. Always above 0.
   int timeout_seconds() const;
 
-  // Reads one datagram from the access socket without waiting and queues it
-  // for the sealer; a record lost here is counted by its cause. Bytes
-  // read, or below 0 when nothing could be read.
+  // Reads what the access socket holds, up to ACCESS_RECV_BATCH datagrams,
+  // without waiting, and queues them for the sealer; a record lost here is
+  // counted by its cause. Bytes read, or below 0 when nothing could be read.
   int recv_access_log(int fd);
 
   // Rereads the settings and wakes the threads, which start them with a
