@@ -484,7 +484,7 @@ int RateLimitLogSender::seal_pending_block(const ShipTarget *access) {
   pthread_mutex_lock(&m_lock);
   size_t end = m_spool_len;
   if (cause == nullptr && (m_spool == nullptr || end + SPOOL_ENTRY_HEAD + (size_t)n > SPOOL_BYTES))
-    cause = &m_lost.spool_full;  // the oldest go first; the newest wait
+    cause = &m_lost.spool_full;  // the waiting keep their place: this one goes
   if (cause != nullptr) {
     *cause += records;
   } else {

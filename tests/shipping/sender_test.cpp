@@ -4,10 +4,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "collector.h"
 #include "confgen/confgen.h"
@@ -238,6 +240,86 @@ TEST_F(Sender, AccessRecordsReachTheCollectorInBlocks) {
     EXPECT_GE(c.frames().size(), 2u);  // more records than one block takes
   }
   testing::internal::GetCapturedStdout();
+}
+
+// While the collector is away, sealed blocks wait in the spool up to its
+// size; what does not fit is counted, takes no sequence number, and the
+// rest leaves in order once the collector is back.
+TEST_F(Sender, SpoolHoldsWhatFitsAndDeliversItInOrder) {
+  REQUIRE_SANDBOX();
+  int port;
+  {
+    Collector gone;
+    port = gone.port();
+  }
+  ASSERT_EQ(0, parser_save(PARSER_LOGSERVER, ("127.0.0.1:" + std::to_string(port) + " 100000").c_str()));
+  testing::internal::CaptureStdout();
+  RateLimitLogSender s("", 0);
+  // Records that do not compress: each block seals to about 5.5 KiB, so
+  // the 1 MiB spool holds some 3700 of these 5000.
+  int sv[2];
+  ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_DGRAM, 0, sv));
+  srand(7);
+  const int total = 5000;
+  for (int i = 0; i < total; i++) {
+    std::string rec = "r" + std::to_string(i) + " ";
+    while (rec.size() < 200) rec += (char)('!' + rand() % 90);
+    ASSERT_EQ((ssize_t)rec.size(), send(sv[1], rec.data(), rec.size(), 0));
+    ASSERT_GT(s.recv_access_log(sv[0]), 0);
+    if (i % 16 == 15) usleep(1000);  // the sealer's pace, not a flood
+  }
+  close(sv[0]);
+  close(sv[1]);
+  AccessLosses lost{};
+  ASSERT_TRUE([&] {
+    for (int waited = 0; waited < 10000; waited += 50, usleep(50000))
+      if ((lost = s.access_losses()).spool_full > 0) return true;
+    return false;
+  }()) << "nothing was dropped: the spool is larger than it should be";
+  EXPECT_EQ(0u, lost.queue_full + lost.over_rate + lost.unsealable);
+  EXPECT_LT(lost.spool_full, 2000u) << "the spool held less than 1 MiB";
+
+  Collector c;
+  ASSERT_EQ(0, parser_save(PARSER_LOGSERVER, ("127.0.0.1:" + std::to_string(c.port()) + " 100000").c_str()));
+  ASSERT_EQ(0, s.reload_config());
+  // Every record not counted lost arrives, in order, in messages numbered
+  // 1, 2, 3 ... with no gap.
+  auto kept = [&] { return total - (int)s.access_losses().spool_full; };
+  std::string records;
+  uint64_t last_seq = 0;
+  size_t seen = 0;
+  bool in_order = true;
+  for (int waited = 0; waited < 20000 && (int)(std::count(records.begin(), records.end(), '\n')) < kept();
+       waited += 100, usleep(100000)) {
+    std::vector<std::string> frames = c.frames();
+    for (; seen < frames.size(); seen++) {
+      char *pem = nullptr;
+      ASSERT_EQ(0, load_private_key_text(MOX_SOURCE_DIR "/keys/dev/access_private.pem", &pem));
+      const char *keys[] = {pem};
+      char kind = 0;
+      SealMeta meta{};
+      unsigned char *plain = nullptr;
+      size_t len = 0;
+      ASSERT_EQ(0, open_sealed_message(frames[seen].data(), frames[seen].size(), keys, 1, &kind,
+                                       &meta, &plain, &len));
+      in_order = in_order && meta.seq == last_seq + 1;
+      last_seq = meta.seq;
+      records.append((char *)plain, len);
+      std::free(plain);
+      std::free(pem);
+    }
+  }
+  testing::internal::GetCapturedStdout();
+  EXPECT_TRUE(in_order) << "a message came out of order, twice, or with a gap before " << last_seq;
+  ASSERT_EQ(kept(), (int)std::count(records.begin(), records.end(), '\n'));
+  // The records themselves in the order they came; the dropped ones leave
+  // a gap where the spool was full.
+  long previous = -1;
+  for (size_t at = 0; at < records.size(); at = records.find('\n', at) + 1) {
+    long number = std::strtol(records.c_str() + at + 1, nullptr, 10);
+    ASSERT_GT(number, previous) << records.substr(at, 20);
+    previous = number;
+  }
 }
 
 // Offers until the sender says delivered (1), for at most ms; its last answer.
