@@ -68,6 +68,7 @@ int main(int argc, char **argv) {
   struct timeval wait_time;
   wait_time.tv_usec = 0;
   wait_time.tv_sec = sender.timeout_seconds();
+  int64_t period_end_ms = monotonic_ms() + (int64_t)wait_time.tv_sec * 1000;
 
   load_day_stat();
   load_hour_stat();
@@ -106,7 +107,20 @@ int main(int argc, char **argv) {
         if (sender.recv_access_log(access_fd) < 0)
           DLOG_ERROR("mox_logd: recv access log error!");
       }
-    } else if (n == 0) {
+    } else if (n < 0 && errno != EINTR) {
+      DLOG_ERROR("select failure: %s", std::strerror(errno));
+      break;
+    }
+    // select counts down only the time spent inside it. Under a flood it
+    // returns at once every time and the handling between the calls is
+    // never counted, so the period would stretch without end and nothing
+    // be flushed, rolled or reported: the monotonic clock keeps it honest.
+    int64_t left_ms = period_end_ms - monotonic_ms();
+    if (n > 0 && left_ms > 0 && left_ms < (int64_t)wait_time.tv_sec * 1000 + wait_time.tv_usec / 1000) {
+      wait_time.tv_sec = (time_t)(left_ms / 1000);
+      wait_time.tv_usec = (suseconds_t)(left_ms % 1000 * 1000);
+    }
+    if (n == 0 || (n > 0 && left_ms <= 0)) {
       report_cycle(sender, &report_hour, &report_minute);
       flush_stats(&day_stat().dirty, &hour_stat().dirty);
       roll_day_stat();
@@ -114,12 +128,13 @@ int main(int argc, char **argv) {
       sender.timeout_tick();
       wait_time.tv_sec = sender.timeout_seconds();
       wait_time.tv_usec = 0;
-    } else if (errno != EINTR) {
-      DLOG_ERROR("select failure: %s", std::strerror(errno));
-      break;
+      period_end_ms = monotonic_ms() + (int64_t)wait_time.tv_sec * 1000;
     }
   }
 
+  // No last flush and no waiting on a collector: the stop only says what
+  // it leaves behind.
+  sender.log_abandoned();
   DLOG_INFO("logd loop stop, pid=%d", getpid());
   close(attack_fd);
   close(access_fd);

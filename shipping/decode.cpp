@@ -220,6 +220,19 @@ static int open_binary(int version, char kind, const unsigned char *bin, size_t 
   return 0;
 }
 
+// The last occurrence of marker in len bytes of text, or null.
+static const char *last_marker(const char *text, size_t len, const char *marker) {
+  const char *found = NULL;
+  size_t m = strlen(marker);
+  for (const char *p = text; (size_t)(text + len - p) >= m;) {
+    const char *hit = (const char *)memmem(p, (size_t)(text + len - p), marker, m);
+    if (hit == NULL) break;
+    found = hit;
+    p = hit + 1;
+  }
+  return found;
+}
+
 int open_sealed_message(const char *text, size_t len, const char *const *keys, int key_count,
                         char *kind, SealMeta *meta, unsigned char **plain, size_t *plain_len) {
   if (plain == NULL || plain_len == NULL || kind == NULL) return OPEN_MALFORMED;
@@ -229,11 +242,13 @@ int open_sealed_message(const char *text, size_t len, const char *const *keys, i
   if (meta != NULL) memset(meta, 0, sizeof *meta);
   if (text == NULL) return OPEN_NO_MARKER;
   // The current marker, else the first layout's: old captures still open.
+  // The last marker: a host name may end in one, the base64 never holds a
+  // blank.
   int version = SHIP_WIRE_VERSION;
-  const char *marker = (const char *)memmem(text, len, SHIP_MARKER, strlen(SHIP_MARKER));
+  const char *marker = last_marker(text, len, SHIP_MARKER);
   if (marker == NULL) {
     version = SHIP_WIRE_VERSION_V1;
-    marker = (const char *)memmem(text, len, SHIP_MARKER_V1, strlen(SHIP_MARKER_V1));
+    marker = last_marker(text, len, SHIP_MARKER_V1);
   }
   if (marker == NULL) return OPEN_NO_MARKER;
   static_assert(sizeof SHIP_MARKER == sizeof SHIP_MARKER_V1, "markers of one length");

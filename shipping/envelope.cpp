@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdio.h>
@@ -155,20 +156,25 @@ const char *get_firmware_version(void) { return MOX_FIRMWARE_VERSION; }
 
 #define DEVICE_ID_RETRY_MS (600 * 1000)  // a device without an identifier asks again
 
-const char *cached_device_id(void) {
+int cached_device_id(char *out, size_t size) {
   // The identifier never changes: ask once per process, and while nothing
   // was found, again every ten minutes, not at every message (the command
   // costs a shell). A command that had to be killed would cost its whole
-  // wait each time, so it is not asked again.
+  // wait each time, so it is not asked again. Both sender threads ask.
+  static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
   static char known_id[SHIP_DEVICE_ID_SIZE];
   static int serial_cmd_hangs;
   static int64_t next_ask_ms;
+  if (out == NULL || size == 0) return -1;
+  pthread_mutex_lock(&lock);
   int64_t now = monotonic_ms();
   if (known_id[0] == '\0' && !serial_cmd_hangs && now >= next_ask_ms) {
     next_ask_ms = now + DEVICE_ID_RETRY_MS;
     if (get_device_id(known_id, sizeof known_id) == -2) serial_cmd_hangs = 1;
   }
-  return known_id;
+  int n = snprintf(out, size, "%s", known_id);
+  pthread_mutex_unlock(&lock);
+  return n > 0 && (size_t)n < size ? 0 : -1;
 }
 
 int json_escape(const char *text, char *out, size_t size) {
@@ -211,7 +217,7 @@ int build_attack_envelope(const char *fragment, char *out, size_t size) {
   char mac[MAC_TEXT_SIZE];
   memset(mac, 0, sizeof mac);
   if (get_device_name(name, sizeof name) != 0) STAGE_ERROR("gethostname failed.");
-  memcpy(id, cached_device_id(), sizeof id);
+  cached_device_id(id, sizeof id);
   if (get_iface_mac(SHIP_MAC_IFACE, mac) != 0) {
     STAGE_ERROR("failed to get device mac address.");
     memset(mac, 0, sizeof mac);

@@ -31,6 +31,7 @@
 #define REPORT_OFFERED 1     // the worker is to deliver m_report
 #define REPORT_DELIVERED 2   // it has: the loop's next offer of it gets 1
 
+#define TOKEN_UNITS 60000             // a record's share of the bucket: ms in a minute
 #define SEQ_REPORT 0
 #define SEQ_ACCESS 1
 #define DELIVERY_BATCH_MESSAGES 256   // most messages on one connection
@@ -126,7 +127,7 @@ void RateLimitLogSender::apply_settings(const Settings &s) {
   m_server_port = s.access.port;
   if (m_send_interval != s.send_interval) {
     // A new rate starts with a full minute's allowance.
-    m_tokens_milli = (int64_t)s.send_interval * 1000;
+    m_tokens = (int64_t)s.send_interval * TOKEN_UNITS;
     m_tokens_at_ms = monotonic_ms();
   }
   m_send_interval = s.send_interval;
@@ -167,7 +168,7 @@ RateLimitLogSender::RateLimitLogSender(const char *name, int flags)
       m_queue_head(0),
       m_queue_count(0),
       m_access_buf(),
-      m_tokens_milli((int64_t)SEND_INTERVAL_DEFAULT * 1000),
+      m_tokens((int64_t)SEND_INTERVAL_DEFAULT * TOKEN_UNITS),
       m_tokens_at_ms(monotonic_ms()),
       m_access_received(0),
       m_lost(),
@@ -184,7 +185,9 @@ RateLimitLogSender::RateLimitLogSender(const char *name, int flags)
       m_spool(nullptr),
       m_spool_len(0),
       m_epoch(0),
-      m_seq() {
+      m_seq(),
+      m_device(),
+      m_device_known(0) {
   if (name && std::snprintf(m_name, sizeof m_name, "%s", name) >= (int)sizeof m_name)
     m_name[0] = '\0';
   Settings s;
@@ -296,8 +299,10 @@ int RateLimitLogSender::report_hour_span() const {
 
 int RateLimitLogSender::report_hour_base() const { return m_report_hour_base; }
 
-// One token per record; the bucket holds one minute's worth (in
-// thousandths) and refills at m_send_interval a minute. The elapsed time is
+// One record costs TOKEN_UNITS; the bucket holds one minute's worth and
+// refills by m_send_interval units a millisecond, which is exact: no
+// remainder is thrown away however often it is asked, so even a rate of a
+// few a minute under heavy traffic passes what it says. The elapsed time is
 // capped at a minute, which fills any bucket, so nothing here overflows for
 // any rate up to SEND_INTERVAL_MAX. Called with m_lock held.
 int RateLimitLogSender::take_token() {
@@ -306,11 +311,11 @@ int RateLimitLogSender::take_token() {
   if (elapsed < 0) elapsed = 0;
   if (elapsed > 60000) elapsed = 60000;
   m_tokens_at_ms = now;
-  int64_t cap = (int64_t)m_send_interval * 1000;
-  m_tokens_milli += elapsed * m_send_interval / 60;
-  if (m_tokens_milli > cap) m_tokens_milli = cap;
-  if (m_tokens_milli < 1000) return 0;
-  m_tokens_milli -= 1000;
+  int64_t cap = (int64_t)m_send_interval * TOKEN_UNITS;
+  m_tokens += elapsed * m_send_interval;
+  if (m_tokens > cap) m_tokens = cap;
+  if (m_tokens < TOKEN_UNITS) return 0;
+  m_tokens -= TOKEN_UNITS;
   return 1;
 }
 
@@ -350,11 +355,12 @@ int RateLimitLogSender::recv_access_log(int fd) {
       m_lost.too_long++;
     } else if (m_server_host[0] == '\0' || (m_flags & SENDER_NO_SHIPPING)) {
       m_lost.shipping_off++;
+    } else if (room == 0) {
+      // Without a sealer nothing would ever empty the queue. No token is
+      // spent on a record that could not be kept anyway.
+      m_lost.queue_full++;
     } else if (!take_token()) {
       m_lost.over_rate++;
-    } else if (room == 0) {
-      // Without a sealer nothing would ever empty the queue.
-      m_lost.queue_full++;
     } else {
       // Records dropped above leave gaps; the kept ones close up.
       uint32_t slot = (tail + placed) % ACCESS_QUEUE_SLOTS;
@@ -372,6 +378,23 @@ int RateLimitLogSender::recv_access_log(int fd) {
   pthread_mutex_unlock(&m_lock);
   if (wake_sealer) wake(m_seal_wake_fd);
   return bytes;
+}
+
+void RateLimitLogSender::log_abandoned() {
+  pthread_mutex_lock(&m_lock);
+  uint32_t queued = m_queue_count, block = m_block_records, spooled = 0;
+  for (size_t at = 0; m_spool != nullptr && at < m_spool_len;) {
+    uint32_t head[2] = {0, 0};
+    std::memcpy(head, m_spool + at, SPOOL_ENTRY_HEAD);
+    spooled += head[1];
+    at += SPOOL_ENTRY_HEAD + head[0];
+  }
+  int report = m_report_state == REPORT_OFFERED;
+  pthread_mutex_unlock(&m_lock);
+  if (queued + block + spooled > 0)
+    DLOG_ERROR("access records abandoned at stop: %u (queue %u, block %u, spool %u)",
+               queued + block + spooled, queued, block, spooled);
+  if (report) DLOG_ERROR("attack report abandoned at stop: %s", m_report);
 }
 
 AccessLosses RateLimitLogSender::access_losses() {
@@ -440,6 +463,27 @@ void *RateLimitLogSender::shipper_main(void *self) {
   return nullptr;
 }
 
+// The identity of the next message of its kind. The device is fixed for
+// the epoch at its first message: an identifier that turns up later would
+// split one sender's numbering in two at the collector.
+void RateLimitLogSender::seal_identity(SealMeta *meta, int seq_index) {
+  std::memset(meta, 0, sizeof *meta);
+  meta->epoch = m_epoch;
+  meta->seq = m_seq[seq_index] + 1;  // each count belongs to one thread
+  char id[SHIP_DEVICE_ID_SIZE];
+  pthread_mutex_lock(&m_lock);
+  int known = m_device_known;
+  pthread_mutex_unlock(&m_lock);
+  if (!known) cached_device_id(id, sizeof id);
+  pthread_mutex_lock(&m_lock);
+  if (!m_device_known) {
+    std::memcpy(m_device, id, sizeof m_device);
+    m_device_known = 1;
+  }
+  std::memcpy(meta->device, m_device, sizeof meta->device);
+  pthread_mutex_unlock(&m_lock);
+}
+
 // Moves queued records into the block being filled, as far as it has room.
 // Called with m_lock held.
 void RateLimitLogSender::take_queued_records() {
@@ -472,10 +516,7 @@ int RateLimitLogSender::seal_pending_block(const ShipTarget *access) {
     cause = &m_lost.shipping_off;  // turned off by a reload meanwhile
   } else {
     SealMeta meta;
-    std::memset(&meta, 0, sizeof meta);
-    meta.epoch = m_epoch;
-    meta.seq = m_seq[SEQ_ACCESS] + 1;
-    std::snprintf(meta.device, sizeof meta.device, "%s", cached_device_id());
+    seal_identity(&meta, SEQ_ACCESS);
     n = build_encrypted_logs(m_block, m_block_len, &meta, &message);
     if (n < 0) cause = &m_lost.unsealable;
   }
@@ -494,11 +535,13 @@ int RateLimitLogSender::seal_pending_block(const ShipTarget *access) {
     std::memcpy(m_spool + end + SPOOL_ENTRY_HEAD, message, (size_t)n);
     m_spool_len = end + SPOOL_ENTRY_HEAD + (size_t)n;
   }
+  // Under the lock, as in take_queued_records: the loop counts the block
+  // at the stop.
+  m_block_len = 0;
+  m_block_records = 0;
   pthread_mutex_unlock(&m_lock);
   if (cause == nullptr) wake(m_ship_wake_fd);
   std::free(message);
-  m_block_len = 0;
-  m_block_records = 0;
   return cause == nullptr ? 0 : -1;
 }
 
@@ -506,17 +549,19 @@ int RateLimitLogSender::seal_pending_block(const ShipTarget *access) {
 // burst on the kept RELP session). 0 once it is empty; -1 when a batch
 // failed, and what was not delivered stays.
 int RateLimitLogSender::ship_spool(const ShipTarget *target, RelpLink *relp) {
-  for (;;) {
-    pthread_mutex_lock(&m_lock);
-    size_t spool_len = m_spool_len;
-    pthread_mutex_unlock(&m_lock);
-    if (spool_len == 0) return 0;
+  // Only what is there now: under steady traffic the sealer adds blocks as
+  // fast as they leave, and a report or a reload must not wait for a
+  // quiet moment.
+  pthread_mutex_lock(&m_lock);
+  size_t left = m_spool_len;
+  pthread_mutex_unlock(&m_lock);
+  while (left > 0) {
     // The front of the spool is the shipper's: the sealer only appends.
     const char *msgs[DELIVERY_BATCH_MESSAGES];
     size_t lens[DELIVERY_BATCH_MESSAGES];
     int count = 0;
     size_t at = 0, bytes = 0;
-    while (at < spool_len && count < DELIVERY_BATCH_MESSAGES) {
+    while (at < left && count < DELIVERY_BATCH_MESSAGES) {
       uint32_t len = 0;
       std::memcpy(&len, m_spool + at, sizeof len);
       if (count > 0 && bytes + len > DELIVERY_BATCH_BYTES) break;
@@ -538,9 +583,11 @@ int RateLimitLogSender::ship_spool(const ShipTarget *target, RelpLink *relp) {
       std::memmove(m_spool, m_spool + done, m_spool_len - done);
       m_spool_len -= done;
       pthread_mutex_unlock(&m_lock);
+      left -= done;
     }
     if (taken < count) return -1;
   }
+  return 0;
 }
 
 // Seals the report in hand once (its sequence number then stays with it
@@ -558,10 +605,7 @@ int RateLimitLogSender::send_encrypted_attack_log(const ShipTarget *target, Relp
   if (!offered || target->host[0] == '\0') return 0;
   if (m_report_msg_len == 0) {
     SealMeta meta;
-    std::memset(&meta, 0, sizeof meta);
-    meta.epoch = m_epoch;
-    meta.seq = m_seq[SEQ_REPORT] + 1;
-    std::snprintf(meta.device, sizeof meta.device, "%s", cached_device_id());
+    seal_identity(&meta, SEQ_REPORT);
     int n = build_attack_message(fragment, &meta, m_report_msg, sizeof m_report_msg);
     if (n < 0) return -1;
     m_seq[SEQ_REPORT]++;
@@ -671,6 +715,23 @@ void RateLimitLogSender::shipper_loop() {
       attack = m_attack_target;
       access_wait = Backoff{0, 0};
       report_wait = Backoff{0, 0};
+      pthread_mutex_unlock(&m_lock);
+      // A session no collector uses any more is closed now (waiting for its
+      // acknowledgements), not left holding messages it will never resend.
+      if (access.transport != SHIP_TRANSPORT_RELP) {
+        relp_link_free(access_link);
+        access_link = relp_link_new();
+      }
+      if (attack.transport != SHIP_TRANSPORT_RELP || same_target(attack, access)) {
+        relp_link_free(attack_link);
+        attack_link = relp_link_new();
+      }
+      pthread_mutex_lock(&m_lock);
+    }
+    if (m_report_state == REPORT_OFFERED && attack.host[0] == '\0') {
+      // Turned off by a reload: the ring keeps the day, and the loop offers
+      // it again once a collector is set.
+      m_report_state = REPORT_NONE;
     }
     int report_offered = m_report_state == REPORT_OFFERED;
     size_t spool_len = m_spool_len;

@@ -88,6 +88,7 @@
 #define SHIP_CONNECT_TIMEOUT_MS 3000
 #define SHIP_SEND_TIMEOUT_SEC 3
 #define SHIP_CONFIRM_TIMEOUT_SEC 5     // the collector's end of stream after ours
+#define SHIP_BATCH_TIMEOUT_SEC 30      // all the sends of one connection
 #define SHIP_SNDBUF_SIZE 65536
 #define SHIP_HOSTENT_BUF_SIZE 2048     // scratch of gethostbyname_r
 
@@ -102,9 +103,10 @@ int get_device_name(char *out, size_t size);
 // when out stays "", -2 when out stays "" and the command was killed.
 int get_device_id(char *out, size_t size);
 
-// get_device_id's answer, asked once per process and kept (while there is
-// none, asked again every ten minutes); "" when there is none.
-const char *cached_device_id(void);
+// get_device_id's answer into out, asked once per process and kept (while
+// there is none, asked again every ten minutes). 0, or -1 when there is
+// none yet (out then "") or it does not fit. Safe from any thread.
+int cached_device_id(char *out, size_t size);
 
 // The compiled-in version tag "<version>-<YYYYMMDD>-<revision>".
 const char *get_firmware_version(void);
@@ -349,6 +351,11 @@ class RateLimitLogSender {
   // then dropped and counted, reports kept by the cycle).
   int start_thread();
 
+  // At the stop: logs the access records still waiting (queue, block,
+  // spool) and a report not yet delivered, all of which the process takes
+  // with it, since the stop waits for nothing. Sends nothing.
+  void log_abandoned();
+
   // Access records read since start, and lost by cause.
   uint32_t access_received() const { return m_access_received; }
   AccessLosses access_losses();
@@ -374,6 +381,7 @@ class RateLimitLogSender {
   int take_token();
   void apply_settings(const Settings &s);
   void take_queued_records();
+  void seal_identity(SealMeta *meta, int seq_index);
   int seal_pending_block(const ShipTarget *access);
   int send_encrypted_attack_log(const ShipTarget *target, RelpLink *relp);
   int ship_spool(const ShipTarget *target, RelpLink *relp);
@@ -412,9 +420,9 @@ class RateLimitLogSender {
   uint32_t m_queue_count;
   char m_access_buf[ACCESS_RECORD_SIZE];
 
-  // Pacing: a bucket of one minute's records in thousandths, refilled
-  // continuously on the monotonic clock.
-  int64_t m_tokens_milli;
+  // Pacing: a bucket of one minute's records, in 60000ths of a record,
+  // refilled continuously on the monotonic clock.
+  int64_t m_tokens;
   int64_t m_tokens_at_ms;
 
   uint32_t m_access_received;
@@ -441,4 +449,6 @@ class RateLimitLogSender {
   size_t m_spool_len;
   uint64_t m_epoch;
   uint64_t m_seq[2];             // last sequence number: reports, access blocks
+  char m_device[SHIP_DEVICE_ID_SIZE];  // sealed into every message of the epoch
+  int32_t m_device_known;        // under m_lock
 };

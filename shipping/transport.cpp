@@ -15,6 +15,8 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
@@ -212,8 +214,10 @@ static int send_all(int fd, const char *data, size_t len, int flags) {
 }
 
 // After our half-close: reads (and drops) until the collector's end of
-// stream, for at most timeout_ms. 0 on an orderly end, -1 with errno set
-// on a reset, an error or the timeout.
+// stream, for at most timeout_ms. 0 on an orderly end after the collector's
+// side took every byte we sent; -1 with errno set on a reset, an error, the
+// timeout, or an end that came before our bytes were taken (a collector
+// closing as they arrive would reset them, and nobody read them).
 static int await_end_of_stream(int fd, int timeout_ms) {
   int64_t deadline = monotonic_ms() + timeout_ms;
   char sink[512];
@@ -232,7 +236,13 @@ static int await_end_of_stream(int fd, int timeout_ms) {
     if (ready < 0) return -1;
     if (ready == 0) continue;  // the deadline decides
     ssize_t n = recv(fd, sink, sizeof sink, MSG_DONTWAIT);
-    if (n == 0) return 0;
+    if (n == 0) {
+      int unacked = 0;
+      if (ioctl(fd, SIOCOUTQ, &unacked) != 0) return -1;
+      if (unacked == 0) return 0;
+      errno = ECONNABORTED;
+      return -1;
+    }
     if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)) continue;
     if (n < 0) return -1;
   }
@@ -275,8 +285,16 @@ int send_to_syslog_server(const ShipTarget *target, const char *const *msgs, con
     return -1;
   }
 
+  // A collector that takes a few bytes now and then satisfies each send's
+  // own timeout; the batch as a whole has one too.
+  int64_t deadline = monotonic_ms() + SHIP_BATCH_TIMEOUT_SEC * 1000;
   size_t total = 0;
   for (int i = 0; i < count; i++) {
+    if (monotonic_ms() > deadline) {
+      DLOG_ERROR("send() error:%s", error_text(ETIMEDOUT, why, sizeof why));
+      close(fd);
+      return -1;
+    }
     char count_text[24];
     int h = snprintf(count_text, sizeof count_text, "%lu ", (unsigned long)lens[i]);
     if (h < 0 || (size_t)h >= sizeof count_text || msgs[i] == NULL ||
