@@ -505,21 +505,29 @@ void RateLimitLogSender::take_queued_records() {
   }
 }
 
-// Seals the block into the spool. 0, or -1 when its records were lost
-// (counted by cause).
-int RateLimitLogSender::seal_pending_block(const ShipTarget *access) {
-  uint32_t records = m_block_records;
-  uint32_t *cause = nullptr;
+// Seals len bytes of records (records of them, newline-ended) into one
+// spool message, or into two or more where a message would pass
+// SHIP_MESSAGE_MAX: a block that compresses badly is cut between records,
+// never inside one. 0, or -1 when records were lost (counted by cause).
+int RateLimitLogSender::seal_records(const char *text, size_t len, uint32_t records) {
+  SealMeta meta;
+  seal_identity(&meta, SEQ_ACCESS);
   char *message = nullptr;
-  int n = -1;
-  if (access->host[0] == '\0') {
-    cause = &m_lost.shipping_off;  // turned off by a reload meanwhile
-  } else {
-    SealMeta meta;
-    seal_identity(&meta, SEQ_ACCESS);
-    n = build_encrypted_logs(m_block, m_block_len, &meta, &message);
-    if (n < 0) cause = &m_lost.unsealable;
+  int n = build_encrypted_logs(text, len, &meta, &message);
+  if (n > SHIP_MESSAGE_MAX && records > 1) {
+    std::free(message);
+    // The record end nearest the middle, counted from the start.
+    const char *middle = static_cast<const char *>(std::memchr(text + len / 2, '\n', len - len / 2));
+    if (middle == nullptr || (size_t)(middle + 1 - text) == len)
+      middle = static_cast<const char *>(memrchr(text, '\n', len - 1));
+    size_t first = middle != nullptr ? (size_t)(middle + 1 - text) : len;
+    uint32_t first_records = 0;
+    for (size_t i = 0; i < first; i++) first_records += text[i] == '\n';
+    int a = seal_records(text, first, first_records);
+    int b = seal_records(text + first, len - first, records - first_records);
+    return a == 0 && b == 0 ? 0 : -1;
   }
+  uint32_t *cause = n < 0 ? &m_lost.unsealable : nullptr;
   // The append is under the lock: the shipper moves what is left up after
   // a delivery. It never touches the bytes behind the length.
   pthread_mutex_lock(&m_lock);
@@ -535,14 +543,31 @@ int RateLimitLogSender::seal_pending_block(const ShipTarget *access) {
     std::memcpy(m_spool + end + SPOOL_ENTRY_HEAD, message, (size_t)n);
     m_spool_len = end + SPOOL_ENTRY_HEAD + (size_t)n;
   }
-  // Under the lock, as in take_queued_records: the loop counts the block
-  // at the stop.
-  m_block_len = 0;
-  m_block_records = 0;
   pthread_mutex_unlock(&m_lock);
   if (cause == nullptr) wake(m_ship_wake_fd);
   std::free(message);
   return cause == nullptr ? 0 : -1;
+}
+
+// Seals the block into the spool. 0, or -1 when records were lost
+// (counted by cause).
+int RateLimitLogSender::seal_pending_block(const ShipTarget *access) {
+  int rc = 0;
+  if (access->host[0] == '\0') {
+    pthread_mutex_lock(&m_lock);
+    m_lost.shipping_off += m_block_records;  // turned off by a reload meanwhile
+    pthread_mutex_unlock(&m_lock);
+    rc = -1;
+  } else {
+    rc = seal_records(m_block, m_block_len, m_block_records);
+  }
+  // Under the lock, as in take_queued_records: the loop counts the block
+  // at the stop.
+  pthread_mutex_lock(&m_lock);
+  m_block_len = 0;
+  m_block_records = 0;
+  pthread_mutex_unlock(&m_lock);
+  return rc;
 }
 
 // Delivers the spool, oldest first, in batches of one connection (or one

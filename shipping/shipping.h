@@ -13,10 +13,9 @@
                                       // longest syslog line with its header
 #define ACCESS_QUEUE_SLOTS 128        // records waiting for the sealer
 #define ACCESS_RECV_BATCH 32          // most datagrams one recv_access_log takes
-#define ACCESS_BLOCK_RECORDS 64       // most records sealed into one block
-#define ACCESS_BLOCK_BYTES 4096       // most record bytes in one block: even
-                                      // incompressible, its message stays
-                                      // below a receiver's usual 8 KiB limit
+#define ACCESS_BLOCK_RECORDS 256      // most records sealed into one block
+#define ACCESS_BLOCK_BYTES 16384      // most record bytes in one block: sealing
+                                      // costs little per byte and much per message
 #define ACCESS_LINGER_MS 200          // a partial block waits this long for more
 #define ACCESS_LINGER_DOWN_MS 5000    // ... while the collector is away: fuller
                                       // blocks make the spool last longer
@@ -87,6 +86,8 @@
 
 #define SHIP_CONNECT_TIMEOUT_MS 3000
 #define SHIP_SEND_TIMEOUT_SEC 3
+#define SHIP_MESSAGE_MAX 8000          // longest access message: below a receiver's
+                                      // usual 8 KiB limit, framing included
 #define SHIP_CONFIRM_TIMEOUT_SEC 5     // the collector's end of stream after ours
 #define SHIP_BATCH_TIMEOUT_SEC 30      // all the sends of one connection
 #define SHIP_SNDBUF_SIZE 65536
@@ -383,6 +384,7 @@ class RateLimitLogSender {
   void take_queued_records();
   void seal_identity(SealMeta *meta, int seq_index);
   int seal_pending_block(const ShipTarget *access);
+  int seal_records(const char *text, size_t len, uint32_t records);
   int send_encrypted_attack_log(const ShipTarget *target, RelpLink *relp);
   int ship_spool(const ShipTarget *target, RelpLink *relp);
 
