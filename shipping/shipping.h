@@ -42,10 +42,12 @@
 // day slot's fragment) and an access block (records joined by newlines,
 // compressed) are each sealed for the collector: a fresh AES-256-GCM key and
 // nonce per message, the key wrapped with a compiled-in RSA public key
-// (OAEP, SHA-256), the whole in base64. The sealed text travels as one
-// syslog message, "<190>TIME HOST mox_logd: MOX1 A|L <base64>", octet
-// counted on a TCP connection that lives for one send. docs/wire-format.md
-// gives the byte layout for whoever writes a receiver.
+// (OAEP, SHA-256), the whole in base64. Inside the seal each message also
+// names its device, the sender's random epoch (drawn at every start) and a
+// sequence number per kind, so that a collector can drop copies and count
+// gaps. The sealed text travels as one syslog message, "<190>TIME HOST
+// mox_logd: MOX2 A|L <base64>", over tcp or RELP. docs/wire-format.md gives
+// the byte layout for whoever writes a receiver.
 //
 // Diagnostic lines carry the name of the stage that notices the failure;
 // the device lines of the envelope are those of send_encrypted_attack_log.
@@ -186,7 +188,7 @@ int build_attack_message(const char *fragment, const SealMeta *meta, char *out, 
 //
 // A stored collector value names its transport by an optional scheme:
 // "[tcp://|relp://]HOST:PORT". Without one it is tcp. Messages handed to a
-// transport are complete syslog messages ("<190>TIME HOST mox_logd: MOX1
+// transport are complete syslog messages ("<190>TIME HOST mox_logd: MOX2
 // K ..."), without framing.
 
 #define SHIP_TRANSPORT_TCP 0
@@ -254,7 +256,7 @@ int load_private_key_text(const char *path, char **pem);
 
 // Opens one message: text (len bytes, no terminator needed) is a syslog
 // line as a receiver stored it, a received message, or the bare payload;
-// the first "MOX2 " (or a first-layout "MOX1 ") starts the payload, and
+// the last "MOX2 " (or a first-layout "MOX1 ") starts the payload, and
 // only blanks may follow the base64. Each of the key_count PEM private
 // keys is tried in turn. 0 with *kind ('A' or 'L'), *meta (when not null;
 // zero epoch and sequence for a first-layout message) and a new heap
