@@ -79,11 +79,6 @@ static void pipe_release(const PipeGuard *g) {
   pthread_sigmask(SIG_SETMASK, &g->old, NULL);
 }
 
-static int same_target(const ShipTarget *a, const ShipTarget *b) {
-  return a->transport == b->transport && a->port == b->port &&
-         strncmp(a->host, b->host, sizeof a->host) == 0;
-}
-
 // Gives the session up: a graceful close when it is open (librelp waits
 // for the outstanding acknowledgements), and for a broken one first one
 // reconnect, which resends the unacknowledged frames so the close can

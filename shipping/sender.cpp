@@ -28,7 +28,7 @@
 #include "store/store.h"
 
 #define REPORT_NONE 0        // no fragment in hand
-#define REPORT_OFFERED 1     // the worker is to deliver m_report
+#define REPORT_OFFERED 1     // the shipper is to deliver m_report
 #define REPORT_DELIVERED 2   // it has: the loop's next offer of it gets 1
 
 #define TOKEN_UNITS 60000             // a record's share of the bucket: ms in a minute
@@ -50,10 +50,6 @@ void stored_value(int id, char *out) {
   std::memset(out, 0, SETTING_TEXT_SIZE);
   int len = 0;
   if (parser_get(id, out, &len) != 0) out[0] = '\0';
-}
-
-int same_target(const ShipTarget &a, const ShipTarget &b) {
-  return a.transport == b.transport && a.port == b.port && std::strcmp(a.host, b.host) == 0;
 }
 
 // The pause after a failed try: doubles from RETRY_MIN_SECONDS up to
@@ -380,15 +376,22 @@ int RateLimitLogSender::recv_access_log(int fd) {
   return bytes;
 }
 
-void RateLimitLogSender::log_abandoned() {
-  pthread_mutex_lock(&m_lock);
-  uint32_t queued = m_queue_count, block = m_block_records, spooled = 0;
+// Records in the spool's messages. Called with m_lock held.
+uint32_t RateLimitLogSender::spool_records() const {
+  uint32_t records = 0;
   for (size_t at = 0; m_spool != nullptr && at < m_spool_len;) {
     uint32_t head[2] = {0, 0};
     std::memcpy(head, m_spool + at, SPOOL_ENTRY_HEAD);
-    spooled += head[1];
+    records += head[1];
     at += SPOOL_ENTRY_HEAD + head[0];
   }
+  return records;
+}
+
+void RateLimitLogSender::log_abandoned() {
+  pthread_mutex_lock(&m_lock);
+  uint32_t queued = m_queue_count, block = m_block_records, spooled = 0;
+  spooled = spool_records();
   int report = m_report_state == REPORT_OFFERED;
   pthread_mutex_unlock(&m_lock);
   if (queued + block + spooled > 0)
@@ -747,7 +750,7 @@ void RateLimitLogSender::shipper_loop() {
         relp_link_free(access_link);
         access_link = relp_link_new();
       }
-      if (attack.transport != SHIP_TRANSPORT_RELP || same_target(attack, access)) {
+      if (attack.transport != SHIP_TRANSPORT_RELP || same_target(&attack, &access)) {
         relp_link_free(attack_link);
         attack_link = relp_link_new();
       }
@@ -762,19 +765,14 @@ void RateLimitLogSender::shipper_loop() {
     size_t spool_len = m_spool_len;
     if (spool_len > 0 && access.host[0] == '\0') {
       // Shipping turned off by a reload: the spool has nowhere to go.
-      for (size_t at = 0; at < m_spool_len;) {
-        uint32_t head[2] = {0, 0};
-        std::memcpy(head, m_spool + at, SPOOL_ENTRY_HEAD);
-        m_lost.shipping_off += head[1];
-        at += SPOOL_ENTRY_HEAD + head[0];
-      }
+      m_lost.shipping_off += spool_records();
       m_spool_len = 0;
       spool_len = 0;
     }
     pthread_mutex_unlock(&m_lock);
 
     int64_t now = monotonic_ms();
-    RelpLink *report_link = same_target(attack, access) ? access_link : attack_link;
+    RelpLink *report_link = same_target(&attack, &access) ? access_link : attack_link;
     if ((report_offered || m_report_msg_len > 0) && now >= report_wait.retry_at_ms) {
       int rc = send_encrypted_attack_log(&attack, report_link);
       if (rc == 1) report_wait = Backoff{0, 0};

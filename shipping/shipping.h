@@ -214,6 +214,9 @@ struct RelpLink;
 // when anything is out of range or left over.
 int parse_collector(const char *text, ShipTarget *target, int32_t *rate);
 
+// 1 when a and b name the same collector by the same transport.
+int same_target(const ShipTarget *a, const ShipTarget *b);
+
 // tcp: opens a connection to target (IPv4), sends the count messages as
 // octet-counted frames (RFC 6587), closes its sending side and waits for
 // the collector to read everything and close its side in order. Name
@@ -384,6 +387,7 @@ class RateLimitLogSender {
   int take_token();
   void apply_settings(const Settings &s);
   void take_queued_records();
+  uint32_t spool_records() const;
   void seal_identity(SealMeta *meta, int seq_index);
   int seal_pending_block(const ShipTarget *access);
   int seal_records(const char *text, size_t len, uint32_t records);

@@ -172,6 +172,11 @@ int parse_collector(const char *text, ShipTarget *target, int32_t *rate) {
   return 0;
 }
 
+int same_target(const ShipTarget *a, const ShipTarget *b) {
+  return a->transport == b->transport && a->port == b->port &&
+         strncmp(a->host, b->host, sizeof a->host) == 0;
+}
+
 // The collector's address. 0, or -1 ("gethostbyname error for host:%s").
 static int resolve(const ShipTarget *target, struct sockaddr_in *addr) {
   // The reentrant lookup: tests and tools may resolve on more than one

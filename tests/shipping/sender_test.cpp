@@ -71,28 +71,6 @@ class Sender : public ::testing::Test {
   }
 };
 
-TEST_F(Sender, LoopPeriodComesFromTheSettingsFile) {
-  REQUIRE_SANDBOX();
-  const struct {
-    const char *text;
-    int period;
-  } cases[] = {{"", 60},
-               {"mox_logd_period=5\n", 5},
-               {"mox_logd=1\nmox_logd_period=3600\n", 3600},
-               {"mox_logd_period=0\n", 60},
-               {"mox_logd_period=3601\n", 60},
-               {"mox_logd_period=-4\n", 60},
-               {"mox_logd_period=abc\n", 60},
-               {"mox_logd_period =5\n", 60}};
-  for (const auto &c : cases) {
-    settings(c.text);
-    testing::internal::CaptureStdout();
-    RateLimitLogSender s("", 0);
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ(c.period, s.timeout_seconds()) << c.text;
-  }
-}
-
 TEST_F(Sender, ReloadTakesGoodSettingsAndKeepsOldOnBrokenOnes) {
   REQUIRE_SANDBOX();
   testing::internal::CaptureStdout();
@@ -322,62 +300,6 @@ TEST_F(Sender, SpoolHoldsWhatFitsAndDeliversItInOrder) {
     ASSERT_GT(number, previous) << records.substr(at, 20);
     previous = number;
   }
-}
-
-// Offers until the sender says delivered (1), for at most ms; its last answer.
-int offer_until_delivered(RateLimitLogSender &s, const char *fragment, int ms) {
-  int rc = 0;
-  for (int waited = 0; waited <= ms && (rc = s.send_attack_report(fragment)) != 1; waited += 20)
-    usleep(20000);
-  return rc;
-}
-
-// A report counts as delivered only once the collector confirmed it: a
-// peer that resets or never accepts gets it again later, and the loop's
-// call never waits meanwhile.
-TEST_F(Sender, AttackReportIsDeliveredOnlyWhenConfirmed) {
-  REQUIRE_SANDBOX();
-  const char fragment[] =
-      "\"timestamp\":\"2026-11-17 8:0:0\",\"internal_attack\":1,\"intrusion_attempt\":2,"
-      "\"automated_attack\":3,\"unauthorized_access\":4,\"browser_hijacking\":5,"
-      "\"password_guessing\":6}";
-  testing::internal::CaptureStdout();
-  RateLimitLogSender none("", 0);
-  EXPECT_EQ(0, none.send_attack_report(fragment)) << "no collector: kept, not failed";
-
-  // A listener that never accepts: the kernel takes the bytes, nobody reads.
-  int mute = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t alen = sizeof a;
-  ASSERT_TRUE(mute >= 0 && bind(mute, (sockaddr *)&a, sizeof a) == 0 && listen(mute, 4) == 0 &&
-              getsockname(mute, (sockaddr *)&a, &alen) == 0);
-  Collector access;
-  ASSERT_EQ(0, parser_save(PARSER_LOGSERVER, ("127.0.0.1:" + std::to_string(access.port())).c_str()));
-  ASSERT_EQ(0, parser_save(PARSER_LOGATSERVER,
-                           ("127.0.0.1:" + std::to_string(ntohs(a.sin_port))).c_str()));
-  RateLimitLogSender s("", 0);
-  int64_t before = monotonic_ms();
-  EXPECT_EQ(0, s.send_attack_report(fragment));
-  EXPECT_LT(monotonic_ms() - before, 100) << "the loop waited on the network";
-  EXPECT_EQ(0, offer_until_delivered(s, fragment, (SHIP_CONFIRM_TIMEOUT_SEC + 2) * 1000));
-  close(mute);
-
-  // The right collector, by a reload, which also ends the pause at once.
-  Collector attack;
-  ASSERT_EQ(0, parser_save(PARSER_LOGATSERVER, ("127.0.0.1:" + std::to_string(attack.port())).c_str()));
-  ASSERT_EQ(0, s.reload_config());
-  EXPECT_EQ(1, offer_until_delivered(s, fragment, 3000));
-  EXPECT_EQ(0, s.send_attack_report(fragment)) << "delivered once, offered anew";
-  std::string log = testing::internal::GetCapturedStdout();
-  EXPECT_NE(std::string::npos, log.find("send() error:collector did not confirm 1 message(s)"))
-      << log;
-  ASSERT_TRUE(attack.wait_for(1, 3000));
-  std::string report = open_frame(attack.frames()[0], 'A');
-  EXPECT_EQ(0u, report.find("{\"device_name\":\""));
-  EXPECT_NE(std::string::npos, report.find(fragment));
-  EXPECT_TRUE(access.frames().empty());
 }
 
 }  // namespace

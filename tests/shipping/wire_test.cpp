@@ -320,44 +320,6 @@ ShipTarget target(const char *host, int port) {
   return t;
 }
 
-// Two messages on one connection, octet counted; the collector's orderly
-// close after reading them is the confirmation.
-TEST_F(Ship, MessagesReachACollectorWholeAndConfirmed) {
-  REQUIRE_SANDBOX();
-  int port = 0, fd = loopback_socket(&port);
-  ASSERT_TRUE(fd >= 0 && listen(fd, 1) == 0);
-  std::string got;
-  std::thread collector([&] {
-    int c = accept(fd, nullptr, nullptr);
-    char buf[4096];
-    for (ssize_t n; c >= 0 && (n = read(c, buf, sizeof buf)) > 0;) got.append(buf, n);
-    close(c);
-  });
-  SealMeta meta{9, 1, "SN9"};
-  std::vector<char> message(SHIP_ATTACK_MESSAGE_SIZE);
-  testing::internal::CaptureStdout();
-  int len = build_attack_message(kFragment, &meta, message.data(), message.size());
-  ASSERT_GT(len, 0);
-  const char *msgs[] = {message.data(), "<190>x"};
-  size_t lens[] = {(size_t)len, 6};
-  ShipTarget t = target("localhost", port);
-  int rc = send_to_syslog_server(&t, msgs, lens, 2);
-  std::string log = testing::internal::GetCapturedStdout();
-  collector.join();
-  close(fd);
-  ASSERT_EQ(1, rc) << log;
-  std::string first = std::to_string(len) + " ";
-  ASSERT_EQ(0u, got.find(first));
-  EXPECT_EQ(got.substr(first.size() + len), "6 <190>x");
-  EXPECT_NE(std::string::npos, log.find("syslog send() OK:len=" + std::to_string(got.size())));
-  char kind = 0;
-  std::string plain;
-  ASSERT_EQ(0, open(got.substr(first.size(), len), {attack_key}, &kind, &plain));
-  Json j = parse_flat_object(plain);
-  EXPECT_TRUE(j.ok) << plain;
-  EXPECT_EQ(kReportKeys, j.keys);
-}
-
 TEST_F(Ship, UnreachableOrResettingCollectorsFailQuickly) {
   REQUIRE_SANDBOX();
   int port = 0, fd = loopback_socket(&port);  // bound, never listening: refuses
