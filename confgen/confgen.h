@@ -108,6 +108,16 @@ int handle_data(int kind, para_entry *entries, char *out, int *out_len);
 // PROXY_BLOCK_SIZE, logged; a line of PROXY_VALUE_SIZE never does).
 int generate_proxy_conf(char *line, std::string &result);
 
+// What generate_data writes for kind, built into out (zero-filled by the
+// caller, STORED_TEXT_SIZE bytes) and not written: *total gets its length,
+// 0 when there is nothing to write (template missing, empty or too large;
+// every website left out). 0, or -1 for a bad kind, a null argument or no
+// proxy section (not logged here).
+int build_data(int kind, const int32_t *ids, char *out, int *total);
+
+// The file generate_data writes for kind, or null for a bad kind.
+const char *data_path(int kind);
+
 // Builds and writes the file of kind (ids read for DATA_NGINX and DATA_QSP
 // only). 0 written or nothing to write, 1 the file could not be opened,
 // -1 bad kind, null ids, no memory or no proxy section. Website blocks

@@ -89,15 +89,39 @@ static int build_websites(char *out, int *total) {
   return 0;
 }
 
-int generate_data(int kind, const int32_t *ids) {
-  int count = 0;
-  const char *path = NULL;
+// The output path and entry count of kind; -1 for a bad kind.
+static int kind_info(int kind, const char **path, int *count) {
   switch (kind) {
-    case DATA_NGINX: count = NGINX_PARA_COUNT; path = NGINX_CONF_PATH; break;
-    case DATA_QSP: count = QSP_PARA_COUNT; path = QSP_CONF_PATH; break;
-    case DATA_PROXY: count = PROXY_PARA_COUNT; path = WEBSITES_CONF_PATH; break;
+    case DATA_NGINX: *count = NGINX_PARA_COUNT; *path = NGINX_CONF_PATH; return 0;
+    case DATA_QSP: *count = QSP_PARA_COUNT; *path = QSP_CONF_PATH; return 0;
+    case DATA_PROXY: *count = PROXY_PARA_COUNT; *path = WEBSITES_CONF_PATH; return 0;
     default: return -1;
   }
+}
+
+const char *data_path(int kind) {
+  const char *path = NULL;
+  int count = 0;
+  return kind_info(kind, &path, &count) == 0 ? path : NULL;
+}
+
+int build_data(int kind, const int32_t *ids, char *out, int *total) {
+  int count = 0;
+  const char *path = NULL;
+  if (kind_info(kind, &path, &count) != 0) return -1;
+  if ((kind != DATA_PROXY && ids == NULL) || out == NULL || total == NULL) return -1;
+  *total = 0;
+  if (kind == DATA_PROXY) {
+    if (build_websites(out, total) != 0) return -1;  // the caller says so
+  } else {
+    build_from_template(kind, ids, count, out, total);
+  }
+  return 0;
+}
+
+int generate_data(int kind, const int32_t *ids) {
+  const char *path = data_path(kind);
+  if (path == NULL) return -1;
   if (kind != DATA_PROXY && ids == NULL) return -1;
 
   char *out = (char *)malloc(STORED_TEXT_SIZE);
@@ -107,16 +131,11 @@ int generate_data(int kind, const int32_t *ids) {
   }
   memset(out, 0, STORED_TEXT_SIZE);
   int total = 0;
-
-  if (kind == DATA_PROXY) {
-    if (build_websites(out, &total) != 0) {
-      DLOG_ERROR("Read the proxy parameter failed.");
-      // Released here too: the buffer is no use to anyone after this exit.
-      free(out);
-      return -1;
-    }
-  } else {
-    build_from_template(kind, ids, count, out, &total);
+  if (build_data(kind, ids, out, &total) != 0) {
+    DLOG_ERROR("Read the proxy parameter failed.");  // the one failure left
+    // Released here too: the buffer is no use to anyone after this exit.
+    free(out);
+    return -1;
   }
 
   // Nothing to write leaves the file of an earlier run as it is, so

@@ -2,6 +2,8 @@
 // failure results differ on purpose (1 for some, -1 for others).
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -38,6 +40,69 @@ int write_file(const char *path, const char *data, size_t size) {
   ssize_t written = write(fd, data, size);
   (void)written;  // the callers' data is rewritten at the next change anyway
   close(fd);
+  return 0;
+}
+
+// The folder part of path into dir (PATH_MAX); "." for a bare name.
+static void folder_of(const char *path, char *dir) {
+  const char *slash = strrchr(path, '/');
+  if (slash == nullptr) {
+    memcpy(dir, ".", 2);
+  } else if (slash == path) {
+    memcpy(dir, "/", 2);
+  } else {
+    memcpy(dir, path, static_cast<size_t>(slash - path));
+    dir[slash - path] = '\0';
+  }
+}
+
+int replace_file(const char *path, const char *data, size_t size, mode_t mode) {
+  if (path == nullptr || (data == nullptr && size > 0)) {
+    errno = EINVAL;
+    return -1;
+  }
+  char tmp[PATH_MAX];
+  char dir[PATH_MAX];
+  memset(tmp, 0, sizeof tmp);
+  memset(dir, 0, sizeof dir);
+  int n = snprintf(tmp, sizeof tmp, "%s.XXXXXX", path);
+  if (n < 0 || static_cast<size_t>(n) >= sizeof tmp) {
+    errno = ENAMETOOLONG;
+    return -1;
+  }
+  folder_of(path, dir);
+  // mkstemp opens with O_EXCL: a link planted at the name is never followed.
+  int fd = mkostemp(tmp, O_CLOEXEC);
+  if (fd < 0) return -1;
+  int rc = 0;
+  for (size_t done = 0; rc == 0 && done < size;) {
+    ssize_t w = write(fd, data + done, size - done);
+    if (w < 0 && errno == EINTR) continue;
+    if (w <= 0) rc = -1;
+    else done += static_cast<size_t>(w);
+  }
+  if (rc == 0 && (fchmod(fd, mode) != 0 || fsync(fd) != 0)) rc = -1;
+  int saved = errno;
+  if (close(fd) != 0 && rc == 0) {
+    rc = -1;
+    saved = errno;
+  }
+  if (rc == 0 && rename(tmp, path) != 0) {
+    rc = -1;
+    saved = errno;
+  }
+  if (rc != 0) {
+    unlink(tmp);
+    errno = saved;
+    return -1;
+  }
+  // The rename is durable once the folder is: a failure here is not the
+  // caller's to undo, the new content is already in place.
+  int dfd = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dfd >= 0) {
+    fsync(dfd);
+    close(dfd);
+  }
   return 0;
 }
 

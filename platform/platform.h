@@ -209,6 +209,13 @@ int read_file_into(const char *path, char *buf, ssize_t *size);
 // Replaces the file with data, mode 0644. 0, or 1 if the open failed.
 int write_file(const char *path, const char *data, size_t size);
 
+// Replaces path with data as a whole: a temporary file of a unique name
+// beside it (never following a planted link), written in full, synced,
+// given mode, and renamed into place; the folder is synced too. A kill at
+// any moment leaves the old file or the new one. 0, or -1 with errno set
+// and nothing changed at path (the temporary file is removed).
+int replace_file(const char *path, const char *data, size_t size, mode_t mode);
+
 // Appends data. 0, or -1 if the open failed.
 int append_file(const char *path, const char *data, size_t size);
 

@@ -94,25 +94,25 @@ int RateLimitLogSender::load_settings(Settings *s) {
   if (sec_read_conf(probe, &probe_len) != 0) return -1;
 
   char value[SETTING_TEXT_SIZE];
+  // Each refusal names the value, so that the operator knows which to mend.
   stored_value(PARSER_LOGSERVER, value);
-  if (value[0] && parse_collector(value, &s->access, &s->send_interval) != 0) return -1;
+  if (value[0] && parse_collector(value, &s->access, &s->send_interval) != 0) {
+    DLOG_ERROR("stored logserver \"%s\" is not [tcp://|relp://]HOST:PORT [RATE]", value);
+    return -1;
+  }
   stored_value(PARSER_LOGATSERVER, value);
   if (value[0]) {
-    if (parse_collector(value, &s->attack, nullptr) != 0) return -1;
+    if (parse_collector(value, &s->attack, nullptr) != 0) {
+      DLOG_ERROR("stored logatserver \"%s\" is not [tcp://|relp://]HOST:PORT", value);
+      return -1;
+    }
   } else {
     s->attack = s->access;
   }
   stored_value(PARSER_RANDTIME, value);
-  if (value[0]) {
-    int base = 0, span = 0;
-    char extra = 0;
-    if (std::sscanf(value, "%d %d %c", &base, &span, &extra) != 2 || base < 0 || base > 23)
-      return -1;
-    s->hour_base = base;
-    // A zero or negative span would divide by zero in the report cycle; a
-    // span beyond a day draws hours that never come.
-    s->hour_span = span > 0 ? span : REPORT_HOUR_SPAN_DEFAULT;
-    if (s->hour_span > 24) s->hour_span = 24;
+  if (value[0] && parse_report_hours(value, &s->hour_base, &s->hour_span) != 0) {
+    DLOG_ERROR("stored randtime \"%s\" is not \"BASE SPAN\" with BASE 0..23", value);
+    return -1;
   }
   return 0;
 }

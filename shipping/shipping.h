@@ -31,6 +31,8 @@
 #define SEND_INTERVAL_MAX 2147483647
 #define REPORT_HOUR_BASE_DEFAULT 0
 #define REPORT_HOUR_SPAN_DEFAULT 3
+#define REPORT_HOUR_BASE_MAX 23
+#define REPORT_HOUR_SPAN_MAX 24
 #define RETRY_MIN_SECONDS 5           // first wait after a failed send
 #define RETRY_MAX_SECONDS 600         // longest wait between tries
 #define SENDER_NO_SHIPPING 1          // constructor flag: this instance does not
@@ -213,6 +215,13 @@ struct RelpLink;
 // address without blanks or ':'. 0, with *rate left alone when absent; -1
 // when anything is out of range or left over.
 int parse_collector(const char *text, ShipTarget *target, int32_t *rate);
+
+// Parses the randtime value "BASE SPAN": BASE 0..23, SPAN a 32-bit
+// integer, blanks between and around. A SPAN of 0 or less gives
+// REPORT_HOUR_SPAN_DEFAULT, one over a day REPORT_HOUR_SPAN_MAX. 0, or -1
+// (outputs untouched) when a number is missing, out of range or followed
+// by anything.
+int parse_report_hours(const char *text, int32_t *base, int32_t *span);
 
 // 1 when a and b name the same collector by the same transport.
 int same_target(const ShipTarget *a, const ShipTarget *b);

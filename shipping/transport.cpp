@@ -1,4 +1,4 @@
-// The way out over plain TCP, and the collector values that name it.
+// The way out over plain TCP.
 // TCP rather than UDP because a sealed message is useless unless it
 // arrives whole; octet counting (RFC 6587) lets the receiver cut the
 // stream without looking inside, and rsyslog's imtcp takes it as it is.
@@ -123,53 +123,6 @@ static int connect_within(int fd, const struct sockaddr_in *addr, int timeout_ms
   }
   if (rc != 0) return -1;
   return fcntl(fd, F_SETFL, flags) == 0 ? 0 : -1;
-}
-
-int parse_collector(const char *text, ShipTarget *target, int32_t *rate) {
-  if (text == NULL || target == NULL) return -1;
-  ShipTarget t;
-  memset(&t, 0, sizeof t);
-  const char *p = text;
-  while (*p == ' ' || *p == '\t') p++;
-  t.transport = SHIP_TRANSPORT_TCP;
-  if (strncmp(p, SHIP_SCHEME_TCP, strlen(SHIP_SCHEME_TCP)) == 0) {
-    p += strlen(SHIP_SCHEME_TCP);
-  } else if (strncmp(p, SHIP_SCHEME_RELP, strlen(SHIP_SCHEME_RELP)) == 0) {
-    t.transport = SHIP_TRANSPORT_RELP;
-    p += strlen(SHIP_SCHEME_RELP);
-  }
-  size_t host_len = strcspn(p, ": \t\n/");
-  if (host_len == 0 || host_len >= sizeof t.host || p[host_len] != ':') return -1;
-  memcpy(t.host, p, host_len);
-  p += host_len + 1;
-
-  // Digits only, checked for range: "99999" or "5141x" is refused, never
-  // wrapped or cut into a port that happens to exist.
-  char *end = NULL;
-  if (*p < '0' || *p > '9') return -1;
-  errno = 0;
-  long port = strtol(p, &end, 10);
-  if (errno != 0 || port < 1 || port > PORT_MAX) return -1;
-  t.port = (int32_t)port;
-  p = end;
-  int32_t r = 0;
-  int have_rate = 0;
-  if (*p == ' ' || *p == '\t') {
-    while (*p == ' ' || *p == '\t') p++;
-    if (*p >= '0' && *p <= '9') {
-      errno = 0;
-      long long v = strtoll(p, &end, 10);
-      if (errno != 0 || v < 1 || v > SEND_INTERVAL_MAX || rate == NULL) return -1;
-      r = (int32_t)v;
-      have_rate = 1;
-      p = end;
-    }
-  }
-  while (*p == ' ' || *p == '\t' || *p == '\n' || *p == '\r') p++;
-  if (*p != '\0') return -1;
-  *target = t;
-  if (have_rate) *rate = r;
-  return 0;
 }
 
 int same_target(const ShipTarget *a, const ShipTarget *b) {

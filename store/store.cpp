@@ -15,7 +15,9 @@
 // key is derived. The key is HKDF-SHA256 of the compiled-in token (its 32 hex
 // characters as they stand are the input key material) with STORE_SALT and
 // STORE_INFO; a new format version must change STORE_INFO so that old and
-// new keys never meet.
+// new keys never meet. The release package (package.cpp) derives its key
+// from the same token through store_token_key, with a salt and info of its
+// own, so a store key and a package key never meet either.
 //
 // Saving: the text goes to STORE_TMP_PATH, which is synced, renamed over the
 // store, and the folder synced, so a power cut leaves the old or the new
@@ -29,14 +31,17 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <openssl/core_names.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/kdf.h>
+#include <openssl/params.h>
 #include <openssl/rand.h>
 #include <stdint.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstring>
 
 #include "logging/logging.h"
@@ -91,19 +96,23 @@ static int write_all(int fd, const unsigned char *buf, size_t size) {
   return 0;
 }
 
-static int derive_key(unsigned char *key) {
-  EVP_PKEY_CTX *ctx = EVP_PKEY_CTX_new_id(EVP_PKEY_HKDF, nullptr);
-  size_t key_len = STORE_KEY_SIZE;
-  int ok = ctx != nullptr && EVP_PKEY_derive_init(ctx) > 0 &&
-           EVP_PKEY_CTX_set_hkdf_md(ctx, EVP_sha256()) > 0 &&
-           EVP_PKEY_CTX_set1_hkdf_salt(ctx, reinterpret_cast<const unsigned char *>(STORE_SALT),
-                                       sizeof STORE_SALT - 1) > 0 &&
-           EVP_PKEY_CTX_set1_hkdf_key(ctx, reinterpret_cast<const unsigned char *>(STORE_TOKEN),
-                                      sizeof STORE_TOKEN - 1) > 0 &&
-           EVP_PKEY_CTX_add1_hkdf_info(ctx, reinterpret_cast<const unsigned char *>(STORE_INFO),
-                                       sizeof STORE_INFO - 1) > 0 &&
-           EVP_PKEY_derive(ctx, key, &key_len) > 0 && key_len == STORE_KEY_SIZE;
-  EVP_PKEY_CTX_free(ctx);
+int store_token_key(const char *salt, const char *info, unsigned char *key) {
+  if (salt == nullptr || info == nullptr || key == nullptr) return -1;
+  EVP_KDF *kdf = EVP_KDF_fetch(nullptr, "HKDF", nullptr);
+  EVP_KDF_CTX *ctx = kdf != nullptr ? EVP_KDF_CTX_new(kdf) : nullptr;
+  // The parameters only point at the texts; OpenSSL reads them, never writes.
+  OSSL_PARAM params[] = {
+      OSSL_PARAM_construct_utf8_string(OSSL_KDF_PARAM_DIGEST, const_cast<char *>("SHA256"), 0),
+      OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_KEY, const_cast<char *>(STORE_TOKEN),
+                                        sizeof STORE_TOKEN - 1),
+      OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_SALT, const_cast<char *>(salt),
+                                        strlen(salt)),
+      OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_INFO, const_cast<char *>(info),
+                                        strlen(info)),
+      OSSL_PARAM_construct_end()};
+  int ok = ctx != nullptr && EVP_KDF_derive(ctx, key, STORE_KEY_SIZE, params) > 0;
+  EVP_KDF_CTX_free(ctx);
+  EVP_KDF_free(kdf);
   if (!ok) OPENSSL_cleanse(key, STORE_KEY_SIZE);
   return ok ? 0 : -1;
 }
@@ -111,7 +120,7 @@ static int derive_key(unsigned char *key) {
 // Sets up ctx for one GCM operation under the store key, with the header as AAD.
 static int start_gcm(EVP_CIPHER_CTX *ctx, int encrypt, const unsigned char *header) {
   unsigned char key[STORE_KEY_SIZE] = {0};
-  if (derive_key(key) != 0) return -1;
+  if (store_token_key(STORE_SALT, STORE_INFO, key) != 0) return -1;
   int len = 0;
   int ok = EVP_CipherInit_ex(ctx, EVP_aes_256_gcm(), nullptr, nullptr, nullptr, encrypt) > 0 &&
            EVP_CIPHER_CTX_ctrl(ctx, EVP_CTRL_GCM_SET_IVLEN, STORE_NONCE_SIZE, nullptr) > 0 &&
@@ -123,10 +132,17 @@ static int start_gcm(EVP_CIPHER_CTX *ctx, int encrypt, const unsigned char *head
 
 // ---- reading ------------------------------------------------------------------
 
+#define PROBLEM_TEXT_SIZE 128
+
+static char last_problem[PROBLEM_TEXT_SIZE];  // why the last load failed; "" after a good one
+
 static int unreadable(const char *reason) {
   DLOG_ERROR("stored parameters unreadable: %s", reason);
+  snprintf(last_problem, sizeof last_problem, "%s", reason);  // a cut reason still reads
   return -1;
 }
+
+const char *sec_conf_problem(void) { return last_problem; }
 
 // Deciphers the n text bytes that follow the header in fd and checks the
 // tag. With out the text lands there (wiped again if the tag fails);
@@ -189,6 +205,7 @@ static int open_file(int fd, unsigned char *out, size_t out_size, size_t *text_l
 // Reads and authenticates the store; out null checks it only.
 // 0 read, 1 no store, -1 unreadable (logged).
 static int load_store(unsigned char *out, size_t out_size, size_t *text_len) {
+  last_problem[0] = '\0';
   // O_NONBLOCK: something other than a file at the path (a FIFO) must not
   // hang the open; it is refused below as not a regular file.
   int fd = open(STORE_PATH, O_RDONLY | O_NONBLOCK | O_CLOEXEC);

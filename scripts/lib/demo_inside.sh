@@ -11,7 +11,6 @@ mkdir -p /media/demo /media/nand/mox_data
 cp "$bin" /media/demo/mox_logd
 cp "$records" /media/demo/attacks.txt
 cp "$conf_tool" /media/demo/mox_conf
-cp -r "$release" /media/demo/release
 cp "$decode" /media/demo/mox_logdecode
 cp -r "$keys" /media/demo/keys
 if [ -n "$shim" ] && [ -f "$shim" ]; then cp "$shim" /media/demo/wallclock.so; fi
@@ -66,8 +65,9 @@ section "/tmp/mox/log/hour_stat"
 cat /tmp/mox/log/hour_stat
 
 section "two protected websites with mox_conf"
-# The release files belong under /tmp/mox/release before generation.
-cp -r /media/demo/release /tmp/mox/release
+# The release files travel inside mox_conf, signed and enciphered.
+/media/demo/mox_conf release verify
+/media/demo/mox_conf release install
 /media/demo/mox_conf proxy add "shop 192.168.1.1:8080 127.0.0.1:8081"
 /media/demo/mox_conf proxy add "blog https://0.0.0.0:8443 127.0.0.1:8082 --protect=monitor"
 /media/demo/mox_conf set fixed_key demo-fixed-key

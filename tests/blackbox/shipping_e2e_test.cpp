@@ -612,7 +612,11 @@ TEST_F(ShippingE2E, BrokenReloadKeepsTheCollectorInForce) {
   ASSERT_TRUE(send_to(kAccessSock, "<190>nginx: e2e-record-two"));
   EXPECT_TRUE(arrives(second, "second", "e2e-record-two")) << state();
 
-  ASSERT_EQ(conf_set("logserver", "127.0.0.1:notaport"), 0);
+  // mox_conf refuses a bad value, so the store itself goes bad under the daemon.
+  std::string store = read_file("/media/nand/mox_data/mox_conf.dat");
+  ASSERT_GT(store.size(), 40u);
+  store[30] ^= 0x01;
+  ASSERT_TRUE(write_text("/media/nand/mox_data/mox_conf.dat", store));
   ASSERT_EQ(kill(pid, SIGHUP), 0);
   EXPECT_TRUE(wait_for([] { return in_log("Warning: reload configure failed,config no change\n"); },
                        10)) << state();

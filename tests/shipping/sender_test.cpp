@@ -118,6 +118,12 @@ TEST_F(Sender, ReloadTakesGoodSettingsAndKeepsOldOnBrokenOnes) {
   ASSERT_EQ(0, parse_collector("10.0.0.5:514", &t, nullptr));
   EXPECT_EQ(SHIP_TRANSPORT_TCP, t.transport);
   EXPECT_EQ(-1, parse_collector("10.0.0.5:514 600", &t, nullptr)) << "a rate where none belongs";
+  int32_t base = 0, span = 0;
+  EXPECT_EQ(-1, parse_report_hours("1 4294967299", &base, &span)) << "wrapped into 3";
+  EXPECT_EQ(-1, parse_report_hours("1 2x", &base, &span));
+  ASSERT_EQ(0, parse_report_hours(" 5 -2 ", &base, &span));
+  EXPECT_EQ(5, base);
+  EXPECT_EQ(REPORT_HOUR_SPAN_DEFAULT, span);
 
   ASSERT_EQ(0, parser_save(PARSER_LOGSERVER, "127.0.0.1:6514"));
   ASSERT_EQ(0, parser_save(PARSER_RANDTIME, "24 4"));  // no such hour

@@ -5,7 +5,13 @@
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
+#include <poll.h>
+#include <signal.h>
+#include <netinet/in.h>
 #include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -211,17 +217,17 @@ TEST_F(MoxConfTest, SectionsAreSetReadAndDeleted) {
   REQUIRE_SANDBOX();
   fails(1, {"get", "logserver"});
   ok({"set", "logserver", "10.0.0.5:514"});
-  ok({"set", "randtime", "3600"});
-  ok({"set", "logserver", "10.0.0.6:601"});
+  ok({"set", "randtime", "3 6"});
+  ok({"set", "logserver", "relp://10.0.0.6:601 1200"});
   ok({"set", "fixed_key", ""});
-  EXPECT_EQ("10.0.0.6:601\n", ok({"get", "logserver"}));
-  EXPECT_EQ("3600\n", ok({"get", "randtime"}));
+  EXPECT_EQ("relp://10.0.0.6:601 1200\n", ok({"get", "logserver"}));
+  EXPECT_EQ("3 6\n", ok({"get", "randtime"}));
   EXPECT_EQ("\n", ok({"get", "fixed_key"}));
   ok({"delete", "logserver"});
   fails(1, {"get", "logserver"});
   fails(1, {"delete", "logserver"});
   fails(1, {"delete", "fixed_key"});
-  EXPECT_EQ("3600\n", ok({"get", "randtime"}));
+  EXPECT_EQ("3 6\n", ok({"get", "randtime"}));
   ok({"proxy", "add", "web 127.0.0.1:8080 127.0.0.1:80"});
   ok({"delete", "proxy"});
   EXPECT_EQ("", ok({"proxy", "list"}));
@@ -264,18 +270,24 @@ TEST_F(MoxConfTest, BadUsageExitsTwoAndHelpExitsZero) {
 TEST_F(MoxConfTest, RefusalsLeaveTheStoreUntouched) {
   REQUIRE_SANDBOX();
   // Largest values that fit: 127 bytes, as reads return them.
-  ok({"set", "logserver", std::string(127, 'a')});
+  ok({"set", "syslog", std::string(127, 'a')});
   ok({"set", "fixed_key", std::string(127, 'k')});
   std::string name(100, 'n');
   for (char c : std::string("123"))
-    ok({"proxy", "add", name + c + " 127.0.0.1:8080 127.0.0.1:80"});  // 3 x 129 bytes
+    ok({"proxy", "add", name + c + " 127.0.0.1:808" + c + " 127.0.0.1:80"});  // 3 x 129 bytes
   const std::string before = slurp(kStore);
 
   std::vector<std::vector<std::string>> refused = {
-      {"set", "logserver", std::string(128, 'a')},
+      {"set", "syslog", std::string(128, 'a')},
       {"set", "fixed_key", std::string(128, 'k')},
       {"set", "syslog", "local0}"}, {"set", "syslog", "a\nb"}, {"set", "syslog", "tab\there"},
-      {"set", "cluster_key", "say \"hi\""}, {"set", "randtime", "my_syslog"},
+      {"set", "cluster_key", "say \"hi\""}, {"set", "fixed_key", "caf\xc3\xa9"},
+      // The daemon's own parsers: what it would refuse is never stored.
+      {"set", "randtime", "my_syslog"}, {"set", "randtime", "banana"}, {"set", "randtime", "24 3"},
+      {"set", "randtime", "1 99999999999"}, {"set", "randtime", "3600"},
+      {"set", "logserver", "not-an-endpoint"}, {"set", "logserver", "10.0.0.5:99999 abc"},
+      {"set", "logserver", "10.0.0.5:514 600 x"}, {"set", "logserver", "ftp://10.0.0.5:514"},
+      {"set", "logserver", "10.0.0.5:514 4294967297"}, {"set", "logatserver", "10.0.0.5:514 600"},
       {"set", "nosuch", "1"}, {"get", "nosuch"}, {"set", "proxy", "x 127.0.0.1:1 127.0.0.1:2"},
       {"delete", "fixed_key"}, {"delete", "cluster_key"},
       {"proxy", "add", name + "4 127.0.0.1:8080 127.0.0.1:80"},  // proxy value over 511
@@ -289,6 +301,9 @@ TEST_F(MoxConfTest, RefusalsLeaveTheStoreUntouched) {
       {"proxy", "add", "w;b 127.0.0.1:8080 127.0.0.1:80"},
       {"proxy", "add", "web 127.0.0.1:8080 127.0.0.1:80}"},
       {"proxy", "add", "syslogweb 127.0.0.1:8080 127.0.0.1:80"},
+      // nginx would send all of it to one server block.
+      {"proxy", "add", "twin 127.0.0.1:08081 127.0.0.1:99"},
+      {"proxy", "add", "admin 0.0.0.0:8088 127.0.0.1:80"},
       {"proxy", "remove", "absent"}};
   for (const auto &args : refused) fails(1, args);
   EXPECT_TRUE(slurp(kStore) == before) << "the store changed";
@@ -363,15 +378,120 @@ TEST_F(MoxConfTest, WebsiteFileHoldsExactlyTheWebsitesThatGenerate) {
   fails(1, {"generate", "qsp"});
 }
 
-TEST_F(MoxConfTest, NginxAcceptsTheGeneratedConfiguration) {
+// Files of a folder, sorted, so that a stray temporary file shows.
+std::string listing(const std::string &dir) {
+  std::string cmd = "ls -A '" + dir + "' 2>&1", text;
+  FILE *p = popen(cmd.c_str(), "r");
+  char buf[256];
+  while (p != nullptr && std::fgets(buf, sizeof buf, p) != nullptr) text += buf;
+  if (p != nullptr) pclose(p);
+  return text;
+}
+
+TEST_F(MoxConfTest, ADamagedStoreIsNeverGeneratedFromAndCanBeReset) {
+  REQUIRE_SANDBOX();
+  ok({"proxy", "add", kWeb1});
+  ok({"set", "fixed_key", "F1x"});
+  ok({"generate", "all"});
+  const std::string nginx = slurp(kNginxConf), sites = slurp(kWebsites), qsp = slurp(kQspConf);
+
+  std::string damaged = slurp(kStore);
+  damaged[damaged.size() / 2] ^= 0x04;
+  ASSERT_TRUE(spill(kStore, damaged));
+  for (const char *which : {"nginx", "qsp", "all"}) fails(1, {"generate", which});
+  fails(1, {"set", "randtime", "1 2"});
+  fails(1, {"store", "check"});
+  EXPECT_TRUE(slurp(kNginxConf) == nginx && slurp(kWebsites) == sites && slurp(kQspConf) == qsp)
+      << "a generated file changed";
+  EXPECT_TRUE(slurp(kStore) == damaged);
+  Result r = mox_conf({"get", "fixed_key"});
+  EXPECT_NE(std::string::npos, r.err.find("authentication failed")) << r.err;
+  EXPECT_NE(std::string::npos, r.err.find("store reset")) << r.err;
+
+  EXPECT_NE("", ok({"store", "reset"}));
+  EXPECT_TRUE(slurp(kStore + std::string(".bad")) == damaged);
+  EXPECT_EQ(0u, ok({"store", "check"}).find(std::string(kStore) + " reads: 0 bytes"));
+  fails(1, {"store", "reset"});  // it reads: nothing to reset
+  ok({"set", "fixed_key", "F2x"});
+  ok({"generate", "qsp"});
+  EXPECT_NE(std::string::npos, slurp(kQspConf).find("\"fixed_key\": \"F2x\""));
+  // A second damage finds the first one kept aside, and keeps both.
+  ASSERT_TRUE(spill(kStore, damaged));
+  fails(1, {"store", "reset"});
+  EXPECT_TRUE(slurp(kStore) == damaged);
+}
+
+TEST_F(MoxConfTest, GenerationWritesWholeFilesOrFailsSayingWhich) {
+  REQUIRE_SANDBOX();
+  ok({"proxy", "add", kWeb1});
+  ok({"generate", "all"});
+  const std::string sites = slurp(kWebsites), qsp = slurp(kQspConf);
+  const std::string nginx_dir = "/tmp/mox/release/nginx", before = listing(nginx_dir);
+
+  // A directory in the file's place: nothing claimed, the file named.
+  ASSERT_EQ(0, unlink(kQspConf));
+  ASSERT_EQ(0, mkdir(kQspConf, 0755));
+  Result r = mox_conf({"generate", "all"});
+  EXPECT_EQ(1, r.code);
+  EXPECT_NE(std::string::npos, r.err.find(std::string("cannot write ") + kQspConf)) << r.err;
+  ASSERT_EQ(0, rmdir(kQspConf));
+  ASSERT_TRUE(spill(kQspConf, qsp));
+
+  // An empty template: exit 1 naming it, and no file written at all.
+  ASSERT_TRUE(spill("/tmp/mox/release/conf_shared/qsp_conf_template.json", ""));
+  ASSERT_EQ(0, unlink(kWebsites));
+  r = mox_conf({"generate", "all"});
+  EXPECT_EQ(1, r.code);
+  EXPECT_NE(std::string::npos, r.err.find("qsp_conf_template.json is empty")) << r.err;
+  EXPECT_EQ("<missing>", slurp(kWebsites));
+  ASSERT_TRUE(spill(kWebsites, sites));
+
+  // Killed while the generator waits for an address that is not up: the
+  // website file is the old one, whole, and no temporary file is left.
+  ok({"proxy", "add", "late 10.9.9.9:8090 10.9.9.9:80"});
+  pid_t pid = fork();
+  if (pid == 0) {
+    int null_fd = open("/dev/null", O_WRONLY);
+    dup2(null_fd, STDOUT_FILENO);
+    dup2(null_fd, STDERR_FILENO);
+    execl(sandbox_conf_path(), "mox_conf", "generate", "nginx", (char *)nullptr);
+    _exit(127);
+  }
+  usleep(1500 * 1000);
+  ASSERT_EQ(0, kill(pid, SIGKILL));
+  int status = 0;
+  ASSERT_EQ(pid, waitpid(pid, &status, 0));
+  ASSERT_TRUE(WIFSIGNALED(status)) << "generation ended before the kill";
+  EXPECT_TRUE(slurp(kWebsites) == sites);
+  EXPECT_EQ(before, listing(nginx_dir));
+}
+
+// The status line of an HTTP/1.0 GET to 127.0.0.1:port, or "".
+std::string http_get(int port, const char *path) {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in to{};
+  to.sin_family = AF_INET;
+  to.sin_port = htons((uint16_t)port);
+  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  std::string got;
+  if (fd >= 0 && connect(fd, (sockaddr *)&to, sizeof to) == 0) {
+    std::string request = std::string("GET ") + path + " HTTP/1.0\r\n\r\n";
+    char buf[256];
+    ssize_t n = 0;
+    if (send(fd, request.data(), request.size(), 0) == (ssize_t)request.size())
+      while ((n = recv(fd, buf, sizeof buf, 0)) > 0) got.append(buf, (size_t)n);
+  }
+  if (fd >= 0) close(fd);
+  return got.substr(0, got.find('\r'));
+}
+
+TEST_F(MoxConfTest, NginxStartsFromTheShippedTemplateAndLogsToTheDaemon) {
   REQUIRE_SANDBOX();
   if (access(kNginx, X_OK) != 0) GTEST_SKIP() << "nginx not installed (scripts/test installs it)";
-  ok({"proxy", "add", "web1 127.0.0.1:8080 127.0.0.1:80"});
-  ok({"proxy", "add", "web2 https://0.0.0.0:8443 127.0.0.1:81 --protect=monitor"});
-  // nginx -t binds the listening addresses: the admin address must exist.
-  ASSERT_EQ(0, sandbox_add_br0("192.168.1.1/24"));
-  ok({"generate", "nginx"});
-  ASSERT_EQ(0, std::system("mkdir -p /media/nand/mox_data/cert /tmp/mox/nginx_check"));
+  ok({"proxy", "add", "web1 127.0.0.1:8080 127.0.0.1:9"});
+  ok({"proxy", "add", "web2 https://127.0.0.1:8443 127.0.0.1:81 --protect=monitor"});
+  ok({"generate", "nginx"});  // br0 has no address, as at boot
+  ASSERT_EQ(0, std::system("mkdir -p /media/nand/mox_data/cert /tmp/mox/nginx_check /tmp/mox/log"));
   ASSERT_TRUE(make_certificate("/media/nand/mox_data/cert/server.crt",
                                "/media/nand/mox_data/cert/server.key"));
 
@@ -388,14 +508,72 @@ TEST_F(MoxConfTest, NginxAcceptsTheGeneratedConfiguration) {
     }
     ASSERT_TRUE(spill(dir + file, replaced(kept, kWebsites, dir + "website_upstreams.conf")));
   }
-  std::string cmd = std::string(kNginx) + " -t -p " + dir + " -c " + dir + "nginx.conf 2>&1";
-  FILE *p = popen(cmd.c_str(), "r");
+  // The daemon's access socket, as a plain receiver.
+  int sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::strcpy(addr.sun_path, "/tmp/mox/log/access.sock");
+  ASSERT_EQ(0, bind(sock, (sockaddr *)&addr, sizeof addr));
+
+  const std::string nginx = std::string(kNginx) + " -p " + dir + " -c " + dir + "nginx.conf";
+  FILE *p = popen((nginx + " -t 2>&1").c_str(), "r");
   ASSERT_NE(nullptr, p);
   std::string said;
   char buf[512];
   while (std::fgets(buf, sizeof buf, p) != nullptr) said += buf;
   EXPECT_EQ(0, pclose(p)) << said;
-  EXPECT_NE(std::string::npos, said.find("test is successful")) << said;
+  ASSERT_EQ(0, std::system((nginx + " 2>&1").c_str())) << "nginx did not start";
+  std::string health;
+  for (int i = 0; i < 50 && health.find("204") == std::string::npos; i++) {
+    usleep(100 * 1000);
+    health = http_get(8088, "/mox_health");
+  }
+  std::system((nginx + " -s stop 2>/dev/null").c_str());
+  EXPECT_NE(std::string::npos, health.find("HTTP/1.1 204")) << health;
+
+  pollfd pfd{sock, POLLIN, 0};
+  ASSERT_EQ(1, poll(&pfd, 1, 2000)) << "no access record reached the socket";
+  ssize_t n = recv(sock, buf, sizeof buf - 1, 0);
+  ASSERT_GT(n, 0);
+  buf[n] = '\0';
+  EXPECT_NE(nullptr, std::strstr(buf, "\"GET /mox_health HTTP/1.0\" 204")) << buf;
+  close(sock);
+}
+
+TEST_F(MoxConfTest, AnInstalledCopyCarriesTheReleaseItInstalls) {
+  REQUIRE_SANDBOX();
+  // strip drops bytes appended to an image: the installed copy, stripped
+  // where install strips, must still carry its package.
+  const std::string prefix = "/tmp/mox/installed";
+  ASSERT_EQ(0, std::system(("cmake --install '" MOX_BINARY_DIR "' --strip --prefix " + prefix +
+                            " >/dev/null").c_str()));
+  const std::string tool = prefix + "/sbin/mox_conf";
+  ASSERT_EQ(0, sandbox_wipe("/tmp/mox/release"));
+  Result r = run_binary(tool.c_str(), {"mox_conf", "release", "verify"});
+  EXPECT_EQ(0, r.code) << r.err;
+  r = run_binary(tool.c_str(), {"mox_conf", "release", "install"});
+  ASSERT_EQ(0, r.code) << r.err;
+  EXPECT_EQ(0, std::system("diff -r '" MOX_SOURCE_DIR "/release' /tmp/mox/release"));
+
+  // A reinstall keeps what was generated; a copy with one byte of its
+  // package changed installs nothing.
+  ok({"generate", "qsp"});
+  const std::string qsp = slurp(kQspConf);
+  ASSERT_NE("<missing>", qsp);
+  std::string image = slurp(tool);
+  image[image.size() - 64] ^= 0x01;
+  const std::string bad = prefix + "/mox_conf.bad";
+  ASSERT_TRUE(spill(bad, image));
+  ASSERT_EQ(0, chmod(bad.c_str(), 0755));
+  ASSERT_TRUE(spill("/tmp/mox/release/nginx/policy_default.conf", "# changed\n"));
+  r = run_binary(bad.c_str(), {"mox_conf", "release", "install"});
+  EXPECT_EQ(1, r.code);
+  EXPECT_EQ("# changed\n", slurp("/tmp/mox/release/nginx/policy_default.conf"));
+  r = run_binary(tool.c_str(), {"mox_conf", "release", "install"});
+  ASSERT_EQ(0, r.code) << r.err;
+  EXPECT_EQ(qsp, slurp(kQspConf));
+  EXPECT_EQ(slurp(MOX_SOURCE_DIR "/release/nginx/policy_default.conf"),
+            slurp("/tmp/mox/release/nginx/policy_default.conf"));
 }
 
 }  // namespace

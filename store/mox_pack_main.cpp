@@ -1,0 +1,100 @@
+// mox_pack, a build-host tool: packs the release folder into a signed,
+// enciphered release package, and appends a package to mox_conf's program
+// to make the image that ships. Both outputs are checked with the device's
+// own code before they are written, so a package the devices would refuse
+// fails the build instead.
+//
+// Outputs replace their files as a whole, so an interrupted build never
+// leaves half a file under the final name.
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "platform/platform.h"
+#include "store/store.h"
+
+#define EXIT_FAILED 1
+#define EXIT_USAGE 2
+
+static const char usage_text[] =
+    "usage: mox_pack pack DIR SIGNING_KEY OUT\n"
+    "       mox_pack image BARE PACKAGE OUT\n"
+    "\n"
+    "  pack   packs the regular files and folders in DIR into the release\n"
+    "         package OUT, signed with the Ed25519 private key in SIGNING_KEY,\n"
+    "         which must match the verify key compiled into mox_conf\n"
+    "  image  writes OUT: the program BARE, then PACKAGE, then PACKAGE's\n"
+    "         length as 32 bits big-endian (mode 0755)\n";
+
+static int failed(const char *what) {
+  fprintf(stderr, "mox_pack: %s\n", what);
+  return EXIT_FAILED;
+}
+
+// Writes the pieces one after the other to out with mode, as a whole
+// (replace_file). 0, or -1 (printed).
+static int write_out(const char *out, const std::string *pieces, int count, mode_t mode) {
+  std::string whole;
+  for (int i = 0; i < count; i++) whole += pieces[i];
+  if (replace_file(out, whole.data(), whole.size(), mode) != 0) {
+    fprintf(stderr, "mox_pack: cannot write %s: %s\n", out, strerror(errno));
+    return -1;
+  }
+  return 0;
+}
+
+static int pack(const char *dir, const char *key, const char *out) {
+  char why[RELEASE_WHY_SIZE] = {0};
+  std::string pkg;
+  if (release_pack_dir(dir, key, pkg, why, sizeof why) != 0) return failed(why);
+  return write_out(out, &pkg, 1, 0644) == 0 ? 0 : EXIT_FAILED;
+}
+
+static int image(const char *bare_path, const char *pkg_path, const char *out) {
+  char why[RELEASE_WHY_SIZE] = {0};
+  std::string pieces[3], archive;
+  if (release_package_of_file(pkg_path, pieces[1], why, sizeof why) != 0) return failed(why);
+  ReleaseCount count = {0, 0, 0};
+  if (release_verify(pieces[1], archive, &count, why, sizeof why) != 0) return failed(why);
+  // A program that already carries a package would hide the old one under
+  // the new: a sign that the stripped program was not what came in.
+  std::string old;
+  if (release_package_of_image(bare_path, old, why, sizeof why) == 0)
+    return failed("the program already carries a release package");
+  int fd = open(bare_path, O_RDONLY | O_CLOEXEC);
+  struct stat st;
+  if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    if (fd >= 0) close(fd);
+    fprintf(stderr, "mox_pack: cannot read %s\n", bare_path);
+    return EXIT_FAILED;
+  }
+  pieces[0].resize(static_cast<size_t>(st.st_size));
+  size_t done = 0;
+  while (done < pieces[0].size()) {
+    ssize_t got = read(fd, &pieces[0][done], pieces[0].size() - done);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) break;
+    done += static_cast<size_t>(got);
+  }
+  close(fd);
+  if (done != pieces[0].size()) return failed("cannot read the program whole");
+  uint32_t len = static_cast<uint32_t>(pieces[1].size());
+  for (int shift = 24; shift >= 0; shift -= 8)
+    pieces[2].push_back(static_cast<char>((len >> shift) & 0xff));
+  if (write_out(out, pieces, 3, 0755) != 0) return EXIT_FAILED;
+  printf("mox_pack: %s carries %d files, %zu bytes\n", out, count.files, count.bytes);
+  return 0;
+}
+
+int main(int argc, char **argv) {
+  if (argc == 5 && strcmp(argv[1], "pack") == 0) return pack(argv[2], argv[3], argv[4]);
+  if (argc == 5 && strcmp(argv[1], "image") == 0) return image(argv[2], argv[3], argv[4]);
+  fputs(usage_text, stderr);
+  return EXIT_USAGE;
+}

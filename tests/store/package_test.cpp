@@ -1,0 +1,156 @@
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <sys/stat.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/platform.h"
+#include "sandbox.h"
+#include "store/store.h"
+
+namespace fs = std::filesystem;
+
+#define SOURCE MOX_SOURCE_DIR "/release"
+#define TARGET "/tmp/mox/release"
+#define FOREIGN_KEY "/tmp/mox/foreign.pem"
+
+typedef std::map<std::string, std::pair<unsigned, std::string>> Tree;  // path: mode, bytes
+
+static const char *const keep[] = {"nginx/nginx.conf", "nginx/website_upstreams.conf",
+                                   "conf_shared/qsp_conf.json", nullptr};
+
+class PackageTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    REQUIRE_SANDBOX();
+    sandbox_wipe("/tmp/mox");
+    ASSERT_EQ(make_dirs("/tmp/mox"), 0);
+  }
+  static Tree tree(const char *dir) {
+    Tree out;
+    for (const auto &e : fs::recursive_directory_iterator(dir)) {
+      struct stat st;
+      EXPECT_EQ(lstat(e.path().c_str(), &st), 0);
+      std::ifstream f(e.path(), std::ios::binary);
+      std::string bytes = S_ISREG(st.st_mode) ? std::string(std::istreambuf_iterator<char>(f), {})
+                                              : std::string(S_ISDIR(st.st_mode) ? "dir" : "other");
+      out[fs::relative(e.path(), dir).string()] = {st.st_mode & 07777, bytes};
+    }
+    return out;
+  }
+  static std::set<std::string> names(const char *dir) {  // what lies at the top of dir
+    std::set<std::string> out;
+    for (const auto &e : fs::directory_iterator(dir)) out.insert(e.path().filename().string());
+    return out;
+  }
+  static void put(const char *path, const std::string &data) {
+    ASSERT_EQ(write_file(path, data.data(), data.size()), 0);
+  }
+  static std::string be32(size_t v) {
+    return {static_cast<char>(v >> 24), static_cast<char>(v >> 16), static_cast<char>(v >> 8),
+            static_cast<char>(v)};
+  }
+  static std::string entry(char type, const std::string &path, const std::string &data = "") {
+    return std::string(1, type) + be32(path.size()).substr(2) + path + be32(data.size()) + data;
+  }
+  std::string pack() {
+    std::string pkg;
+    EXPECT_EQ(release_pack_dir(SOURCE, MOX_RELEASE_SIGNING_KEY, pkg, why_, sizeof why_), 0) << why_;
+    return pkg;
+  }
+  std::string seal(const std::string &archive, const char *key = MOX_RELEASE_SIGNING_KEY) {
+    std::string pkg;
+    EXPECT_EQ(release_seal(archive, key, pkg, why_, sizeof why_), 0) << why_;
+    return pkg;
+  }
+  char why_[RELEASE_WHY_SIZE] = {0};
+};
+
+TEST_F(PackageTest, InstallsTheReleaseWholeAndKeepsTheGeneratedFiles) {
+  std::string pkg = pack(), back;
+  EXPECT_EQ(pack(), pkg);  // reproducible: same inputs, same bytes
+  put("/tmp/mox/image", "\177ELF program" + pkg + be32(pkg.size()));
+  ASSERT_EQ(release_package_of_image("/tmp/mox/image", back, why_, sizeof why_), 0) << why_;
+  EXPECT_EQ(back, pkg);
+  put("/tmp/mox/bare", "\177ELF program");
+  EXPECT_NE(release_package_of_image("/tmp/mox/bare", back, why_, sizeof why_), 0);
+  EXPECT_NE(strstr(why_, "no release package appended"), nullptr) << why_;
+
+  // An old release: a generated file to keep, a template to replace, a file to drop.
+  ASSERT_EQ(make_dirs(TARGET "/nginx"), 0);
+  put(TARGET "/nginx/nginx.conf", "generated nginx");
+  put(TARGET "/nginx/policy_default.conf", "old policy");
+  put(TARGET "/stale", "gone");
+  mode_t old_mask = umask(0);
+  ReleaseCount count = {0, 0, 0};
+  int rc = release_install(pkg, TARGET, keep, &count, why_, sizeof why_);
+  umask(old_mask);
+  ASSERT_EQ(rc, 0) << why_;
+
+  Tree want = tree(SOURCE);
+  int files = 0;
+  for (auto &w : want) {
+    bool dir = w.second.second == "dir";
+    w.second.first = dir ? 0755 : 0644;
+    files += !dir;
+  }
+  want["nginx/nginx.conf"] = {0644, "generated nginx"};
+  EXPECT_EQ(tree(TARGET), want);
+  EXPECT_EQ(count.files, files);
+  EXPECT_EQ(fs::status(TARGET).permissions(), fs::perms(0755));
+  EXPECT_EQ(names("/tmp/mox"), (std::set<std::string>{"bare", "image", "release"}));
+}
+
+TEST_F(PackageTest, RefusesAlteredForeignAndHostilePackagesAndChangesNothing) {
+  std::string good = pack(), archive;
+  ASSERT_EQ(release_install(good, TARGET, keep, nullptr, why_, sizeof why_), 0) << why_;
+  put(TARGET "/nginx/nginx.conf", "generated");
+  const Tree before = tree(TARGET);
+  ASSERT_EQ(release_verify(good, archive, nullptr, why_, sizeof why_), 0) << why_;
+  EVP_PKEY *foreign = EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519");
+  FILE *f = fopen(FOREIGN_KEY, "w");
+  ASSERT_TRUE(foreign != nullptr && f != nullptr);
+  ASSERT_EQ(PEM_write_PrivateKey(f, foreign, nullptr, nullptr, 0, nullptr, nullptr), 1);
+  fclose(f);
+  EVP_PKEY_free(foreign);
+
+  struct Case {
+    std::string name, pkg, reason;
+  };
+  std::vector<Case> cases;
+  for (size_t at : {size_t{0}, size_t{4}, size_t{5}, size_t{16}, size_t{17}, size_t{90},
+                    good.size() - 1}) {
+    cases.push_back({"byte " + std::to_string(at) + " flipped", good,
+                     at == 0 ? "not a release" : at == 4 ? "version" : "decipher"});
+    cases.back().pkg[at] ^= 0x01;
+  }
+  cases.push_back({"cut by one byte", good.substr(0, good.size() - 1), "decipher"});
+  cases.push_back({"cut to the header", good.substr(0, RELEASE_HEADER_SIZE), "too short"});
+  cases.push_back({"foreign key", seal(archive, FOREIGN_KEY), "signature does not verify"});
+  std::string a = entry('d', "a");
+  cases.push_back({"absolute", seal(entry('f', "/etc/x", "x")), "absolute path"});
+  cases.push_back({"up", seal(entry('f', "../x", "x")), "\"..\""});
+  cases.push_back({"up inside", seal(a + entry('f', "a/../../x", "x")), "\"..\""});
+  cases.push_back({"empty component", seal(a + entry('f', "a//b", "x")), "empty path component"});
+  cases.push_back({"link", seal(entry('l', "x", "/etc/passwd")), "unknown type"});
+  cases.push_back({"duplicate", seal(entry('f', "x", "1") + entry('f', "x", "2")), "duplicate"});
+  cases.push_back({"no folder", seal(entry('f', "nodir/x", "x")), "folder is not in"});
+  cases.push_back({"inflates too far", seal(entry('f', "big", std::string(RELEASE_ARCHIVE_MAX, 0))),
+                   "inflates past"});
+  for (const Case &c : cases) {
+    memset(why_, 0, sizeof why_);
+    EXPECT_EQ(release_install(c.pkg, TARGET, keep, nullptr, why_, sizeof why_), -1) << c.name;
+    EXPECT_NE(strstr(why_, c.reason.c_str()), nullptr) << c.name << ": " << why_;
+    EXPECT_EQ(tree(TARGET), before) << c.name;
+    EXPECT_EQ(names("/tmp/mox"), (std::set<std::string>{"foreign.pem", "release"})) << c.name;
+  }
+}
