@@ -160,6 +160,7 @@ static int parse_command(int argc, char **argv, Command *cmd) {
 }
 
 int main(int argc, char **argv) {
+  umask(022);  // nothing made here is writable by others, whatever the caller's umask
   if (argc < 2) return bad_usage("no command");
   if (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0) {
     fputs(usage_text, stdout);

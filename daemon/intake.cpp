@@ -1,5 +1,7 @@
 // Attack record intake. Runs for every datagram on the attack socket, so it
 // works on stack buffers only and allocates nothing.
+#include <stdint.h>
+
 #include <cstdio>
 #include <cstring>
 
@@ -10,19 +12,22 @@
 
 namespace {
 
-// Columns 1..34 of the record; the ten %d fill AttackRecord in its order.
+// Columns 1..34 of the record; the ten numbers fill AttackRecord in its
+// order. They are scanned wide and then checked, so that a number beyond
+// 32 bits reads as 0, like a column the record does not reach, and never
+// as a wrapped value that could pass for a mark.
 // The blank runs between the groups of ten match any white space or none.
 const char FIELDS_FORMAT[] =
-    "%*[^:]:%*[^:]:%*[^:]:%*[^:]:%d:%d:%d:%d:%d:%*[^:]:    "
-    "%*[^:]:%d:%*[^:]:%*[^:]:%*[^:]:%*[^:]:%*[^:]:%*[^:]:%*[^:]:%*[^:]:    "
-    "%*[^:]:%*[^:]:%*[^:]:%*[^:]:%d:%*[^:]:%*[^:]:%d:%*[^:]:%*[^:]:    "
-    "%*[^:]:%d:%*[^:]:%*[^-]-%*[^-]-%d:%*[^:]:%*[^:]:%*[^:]:%*[^:]:%*[^:]:%*[^:]:    "
+    "%*[^:]:%*[^:]:%*[^:]:%*[^:]:%lld:%lld:%lld:%lld:%lld:%*[^:]:    "
+    "%*[^:]:%lld:%*[^:]:%*[^:]:%*[^:]:%*[^:]:%*[^:]:%*[^:]:%*[^:]:%*[^:]:    "
+    "%*[^:]:%*[^:]:%*[^:]:%*[^:]:%lld:%*[^:]:%*[^:]:%lld:%*[^:]:%*[^:]:    "
+    "%*[^:]:%lld:%*[^:]:%*[^-]-%*[^-]-%lld:%*[^:]:%*[^:]:%*[^:]:%*[^:]:%*[^:]:%*[^:]:    "
     "%*[^:]:%*[^:]:%*[^:]:%*[^:]:%*[^:]:%*[^:]:%*[^:]:%*[^:]:%*[^:]:%*[^:]:%*[^:]";
 const int FIELDS_COUNT = 10;
 
 // Source address and port from the header; the address is bounded to its
 // buffer, which changes nothing for any real address.
-const char SOURCE_FORMAT[] = "%*[^]] %*[^:]: %63[^,], %*s %d,%*s";
+const char SOURCE_FORMAT[] = "%*[^]] %*[^:]: %63[^,], %*s %lld,%*s";
 static_assert(SOURCE_ADDR_SIZE == 64, "SOURCE_FORMAT width follows SOURCE_ADDR_SIZE");
 
 // Score slots that mark the fourth class.
@@ -69,10 +74,16 @@ AttackRecord *get_attack_fields(AttackRecord *record, const char *text, int leng
   }
   copy[out] = '\0';
   AttackRecord *r = record;
-  int got = std::sscanf(copy, FIELDS_FORMAT, &r->slot_a, &r->slot_b, &r->slot_c, &r->slot_d,
-                        &r->guess_code, &r->flag_word, &r->slot_e, &r->bot_code,
-                        &r->spare_code, &r->intrusion_mark);
+  int32_t *fields[FIELDS_COUNT] = {&r->slot_a,   &r->slot_b,    &r->slot_c,   &r->slot_d,
+                                   &r->guess_code, &r->flag_word, &r->slot_e, &r->bot_code,
+                                   &r->spare_code, &r->intrusion_mark};
+  long long wide[FIELDS_COUNT];
+  for (int i = 0; i < FIELDS_COUNT; i++) wide[i] = *fields[i];
+  int got = std::sscanf(copy, FIELDS_FORMAT, &wide[0], &wide[1], &wide[2], &wide[3], &wide[4],
+                        &wide[5], &wide[6], &wide[7], &wide[8], &wide[9]);
   if (got < FIELDS_COUNT) DLOG_ERROR("sscanf error.");
+  for (int i = 0; i < FIELDS_COUNT; i++)
+    *fields[i] = wide[i] >= INT32_MIN && wide[i] <= INT32_MAX ? (int32_t)wide[i] : 0;
   return record;
 }
 
@@ -125,7 +136,7 @@ void log_handler(const char *text, int count) {
     length = attack - header;
     char address[SOURCE_ADDR_SIZE];
     std::memset(address, 0, sizeof address);
-    int port = 0;
+    long long port = 0;  // only its presence counts
     if (std::sscanf(header, SOURCE_FORMAT, address, &port) != 2)
       DLOG_ERROR("sscanf src IP and port error.");
     attack_class = classify_attack(attack, (int)attack_length, address);

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -29,6 +30,9 @@ int ready(const fd_set *set, int fd) { return fd > 0 && fd < FD_SETSIZE && FD_IS
 int main(int argc, char **argv) {
   (void)argc;
   (void)argv;
+  // Whatever umask the starter left, nothing this daemon creates (its log
+  // folders among them) is writable by group or others.
+  umask(022);
 
   if (daemon(0, 0) == -1) DLOG_ERROR("daemon error ... %s\n", std::strerror(errno));
 

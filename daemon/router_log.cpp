@@ -1,4 +1,5 @@
 // Router log output: one short line per attack header, to the device log.
+#include <errno.h>
 #include <fcntl.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -7,6 +8,7 @@
 #include <cstring>
 
 #include "daemon/daemon.h"
+#include "logging/logging.h"
 #include "platform/platform.h"
 
 namespace {
@@ -18,6 +20,22 @@ static_assert(ROUTER_TITLE_SIZE == 32 && ROUTER_WORD_SIZE == 64 && ROUTER_PORT_S
               "HEADER_FORMAT widths follow the buffer sizes");
 
 const char BLOCK_LABEL[] = "Block Attack";
+
+// Lines the device did not take since the last one it did.
+uint32_t dropped_lines = 0;
+
+// Counts a line the device did not take; the first of a run is logged with
+// its reason, the run's length once a line goes through again.
+void line_dropped(int err) {
+  if (dropped_lines++ == 0)
+    DLOG_ERROR("router log line dropped: %s: %s", ZVLOG_PATH, std::strerror(err));
+}
+
+void line_taken() {
+  if (dropped_lines == 0) return;
+  DLOG_ERROR("%u router log lines dropped: %s did not take them", dropped_lines, ZVLOG_PATH);
+  dropped_lines = 0;
+}
 
 }  // namespace
 
@@ -60,12 +78,21 @@ int write_router_log(char *line, int length) {
   line[length] = '\0';
   // The device may come and go: choose anew and hold nothing open.
   if (file_exists(ZVLOG_PATH)) {
-    int fd = open(ZVLOG_PATH, O_RDWR | O_CLOEXEC);
-    if (fd < 0) return -1;
+    // Never waits: a device (or a FIFO in its place) that does not take the
+    // line now loses it, counted, and the loop goes on counting attacks.
+    int fd = open(ZVLOG_PATH, O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) {
+      line_dropped(errno);
+      return -1;
+    }
     // The device takes the text with its terminating NUL.
-    ssize_t ignored = write(fd, line, (size_t)length + 1);
-    (void)ignored;
+    ssize_t written = write(fd, line, (size_t)length + 1);
+    int err = errno;
     close(fd);
+    if (written == (ssize_t)length + 1)
+      line_taken();
+    else
+      line_dropped(written < 0 ? err : EAGAIN);
     return 0;
   }
   openlog(ROUTER_LOG_IDENT, LOG_PID | LOG_CONS, 0);

@@ -51,7 +51,7 @@ static void open_with_dirs(const char *path, size_t len) {
   }
   if (ensure_dir(dir) != 0) open_failure();
 
-  LogSink.file = fopen(path, "a+");
+  LogSink.file = log_stream_open(path);
   if (LogSink.file == NULL) open_failure();
 }
 
@@ -77,7 +77,7 @@ void log_open(const char *path, const char *name, uint32_t mask) {
   }
 
   size_t len = strlen(path);
-  LogSink.file = fopen(path, "a+");
+  LogSink.file = log_stream_open(path);
   if (LogSink.file == NULL) open_with_dirs(path, len);
 
   // A trim whose rename failed leaves a path without a stream; replace it.

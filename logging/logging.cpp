@@ -2,11 +2,14 @@
 // keeps the file small, and closing.
 #include "logging/logging.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
+#include <unistd.h>
 
 #include "platform/platform.h"
 
@@ -24,6 +27,34 @@ static int32_t trim_counter = 0;
 // trim keeps a second thread off a stream that is being replaced. The level
 // test in the macros stays outside it.
 static pthread_mutex_t sink_lock = PTHREAD_MUTEX_INITIALIZER;
+
+// Lines that met a stream in error since the last line that went through.
+static uint32_t failed_lines = 0;
+
+FILE *log_stream_open(const char *path) {
+  int fd = open(path, O_RDWR | O_CREAT | O_APPEND | O_NONBLOCK | O_CLOEXEC, 0666);
+  if (fd < 0) return NULL;
+  FILE *file = fdopen(fd, "a+");
+  if (file == NULL) close(fd);
+  return file;
+}
+
+// After a line: a stream in error (a full disk, a FIFO nobody reads) counts
+// the line as lost; the first line that goes through again says how many.
+static void account_line(const char *stamp) {
+  FILE *file = LogSink.file;
+  if (file == NULL) return;
+  if (ferror(file) || fflush(file) != 0) {
+    failed_lines++;
+    clearerr(file);
+    return;
+  }
+  if (failed_lines == 0) return;
+  fprintf(file, "%s  %-5s  (%s:%d)  %u log lines may be lost: the log file did not take them\n",
+          stamp, "ERROR", __func__, __LINE__, failed_lines);
+  if (fflush(file) == 0) failed_lines = 0;
+  clearerr(file);
+}
 
 void log_write(const char *label, const char *func, int line, const char *fmt, ...) {
   va_list args;
@@ -55,6 +86,7 @@ void log_write(const char *label, const char *func, int line, const char *fmt, .
     va_end(copy);
 
     log_trim(&LogSink);
+    account_line(stamp);
   }
 
   pthread_mutex_unlock(&sink_lock);
@@ -139,9 +171,14 @@ void log_trim(LogSinkRecord *sink) {
   }
 
   // Without a temporary file there is nowhere to copy to: give up and leave
-  // the log whole and open; the next line tries again.
-  FILE *tmp = fopen(tmp_name, "w+");
+  // the log whole and open; the next line tries again. The name is fixed,
+  // so whatever stands there goes first, and the new file is made, never
+  // opened: a link planted at the name is neither followed nor reused.
+  unlink(tmp_name);
+  int tmp_fd = open(tmp_name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+  FILE *tmp = tmp_fd >= 0 ? fdopen(tmp_fd, "w+") : NULL;
   if (tmp == NULL) {
+    if (tmp_fd >= 0) close(tmp_fd);
     free(tmp_name);
     return;
   }
@@ -169,7 +206,7 @@ void log_trim(LogSinkRecord *sink) {
   remove(sink->path);
   // A failed rename leaves the content in the temporary file and no stream.
   if (rename(tmp_name, sink->path) == 0)
-    sink->file = fopen(sink->path, "a+");
+    sink->file = log_stream_open(sink->path);
   else
     sink->file = NULL;
   free(tmp_name);

@@ -40,6 +40,12 @@ void log_timestamp(char *buf, size_t size);
 // LOG_TRIM_KEEP bytes when that tail would exceed the threshold).
 void log_trim(LogSinkRecord *sink);
 
+// The log's stream on path, opened as fopen "a+" opens it but never
+// waiting: a FIFO whose reader stalls makes lines fail (they are counted
+// and the count logged once the file takes lines again), never the caller
+// block. NULL when the open fails.
+FILE *log_stream_open(const char *path);
+
 // Closes the stream and frees the path; level and mask stay. Repeatable.
 void log_close(void);
 

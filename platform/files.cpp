@@ -106,6 +106,51 @@ int replace_file(const char *path, const char *data, size_t size, mode_t mode) {
   return 0;
 }
 
+FILE *fopen_regular(const char *path) {
+  if (path == nullptr) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return nullptr;
+  struct stat st;
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    close(fd);
+    errno = EINVAL;
+    return nullptr;
+  }
+  FILE *file = fdopen(fd, "r");
+  if (file == nullptr) close(fd);
+  return file;
+}
+
+int overwrite_file(const char *path, const char *data, size_t size, mode_t mode) {
+  if (path == nullptr || (data == nullptr && size > 0)) {
+    errno = EINVAL;
+    return -1;
+  }
+  int fd = open(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, mode);
+  if (fd < 0) return -1;
+  struct stat st;
+  int rc = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) ? 0 : -1;
+  if (rc != 0) errno = EINVAL;
+  for (size_t done = 0; rc == 0 && done < size;) {
+    ssize_t w = pwrite(fd, data + done, size - done, static_cast<off_t>(done));
+    if (w < 0 && errno == EINTR) continue;
+    if (w <= 0) {
+      if (w == 0) errno = EIO;
+      rc = -1;
+    } else {
+      done += static_cast<size_t>(w);
+    }
+  }
+  if (rc == 0 && ftruncate(fd, static_cast<off_t>(size)) != 0) rc = -1;
+  int saved = errno;
+  close(fd);
+  errno = saved;
+  return rc;
+}
+
 int append_file(const char *path, const char *data, size_t size) {
   if (path == nullptr) return -1;
   FILE *file = fopen(path, "a+");

@@ -30,7 +30,7 @@ long get_uptime_seconds(void) {
   if (read_file(UPTIME_PATH, text, sizeof text - 1) <= 0) return -1;
   char *blank = strchr(text, ' ');
   if (blank != nullptr) *blank = '\0';
-  return atoi(text);
+  return text_to_int(text);
 }
 
 int read_masked_input(char *buf, int size) {

@@ -34,7 +34,8 @@ int test_write_lock(int fd) {
 }
 
 int lock_pid_file(const char *path) {
-  int fd = path != nullptr ? open(path, O_RDWR | O_CREAT, 0644) : -1;
+  // Never through a link planted at the path: the pid would land in its target.
+  int fd = path != nullptr ? open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644) : -1;
   if (fd < 0) {
     printf("can't open %s.\n", path != nullptr ? path : "(null)");
     exit(1);
@@ -81,7 +82,7 @@ int kill_lock_owner(const char *path) {
   char text[LOCK_FILE_TEXT_SIZE] = {0};
   ssize_t got = read(fd, text, sizeof text - 1);
   (void)got;  // an unreadable file names pid 0, as an empty one does
-  kill(atoi(text), SIGKILL);
+  kill(text_to_int(text), SIGKILL);  // a huge number names no process, never a wrapped one
   close(fd);
   return 0;
 }

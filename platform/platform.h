@@ -5,6 +5,7 @@
 #pragma once
 
 #include <stdint.h>
+#include <stdio.h>
 #include <sys/types.h>
 #include <time.h>
 
@@ -61,9 +62,25 @@ void monotonic_set(int64_t ms);
 
 // Looks up key in a file of "key=value" lines: the key is everything before
 // the first "=", compared byte for byte; the first matching line wins and
-// its value goes through atoi into *value. Returns 0 found, 1 no such line,
-// -1 the file cannot be opened or key is null (*value untouched then).
+// its value is read as atoi reads it, except that a number beyond an int
+// gives INT_MAX or INT_MIN instead of a wrapped value. Returns 0 found, 1
+// no such line, -1 the file cannot be opened (or is no regular file) or
+// key is null (*value untouched then).
 int read_setting(const char *path, const char *key, int *value);
+
+// fopen(path, "r") for a regular file only. The open never waits, so a FIFO
+// or a device planted at the path is refused instead of holding the caller
+// up. NULL otherwise, errno set.
+FILE *fopen_regular(const char *path);
+
+// Rewrites the regular file at path with data, in place and without
+// truncating first: the bytes are written over the old ones and the file
+// is cut to size only after the last of them went in. So a write that
+// fails for want of room leaves the old content behind a prefix of the new
+// one, and a small file, whose room is already its own, keeps being
+// written. Never follows a link, never waits on a FIFO (refused). Creates
+// the file with mode when missing. 0, or -1 with errno set.
+int overwrite_file(const char *path, const char *data, size_t size, mode_t mode);
 
 // ---- network address helpers ------------------------------------------------
 
@@ -267,6 +284,11 @@ const char *find_field_value(const char *text, const char *key);
 
 // 1 for the blank and the codes 9 to 13, 0 otherwise.
 int is_space_char(int c);
+
+// atoi's reading of text (leading blanks, a sign, digits, anything after
+// ignored; 0 without digits), except that a number beyond an int gives
+// INT_MAX or INT_MIN, never a wrapped value. 0 for null.
+int text_to_int(const char *text);
 
 // ---- endpoint parser ----------------------------------------------------------
 

@@ -50,7 +50,7 @@ int find_process_by_name(const char *name, process_callback cb, int arg) {
     if (!read_first_argument(entry->d_name, text, sizeof text)) continue;
     // Compared over the name's length only: "logd" also finds "logd_helper".
     if (strncmp(text, name, name_len) != 0) continue;
-    found = atoi(entry->d_name);
+    found = text_to_int(entry->d_name);
     if (cb == nullptr) break;
     cb(found, arg);
   }
@@ -86,7 +86,7 @@ int read_pid_file(const char *path) {
   ssize_t got = read(fd, text, sizeof text - 1);
   close(fd);
   if (got <= 0) return -1;
-  return atoi(text);
+  return text_to_int(text);
 }
 
 int get_pid_file_process_name(const char *path, char *out) {

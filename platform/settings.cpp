@@ -8,7 +8,7 @@
 
 int read_setting(const char *path, const char *key, int *value) {
   if (path == nullptr || key == nullptr) return -1;
-  FILE *file = fopen(path, "r");
+  FILE *file = fopen_regular(path);
   if (file == nullptr) return -1;
 
   int result = 1;
@@ -22,7 +22,7 @@ int read_setting(const char *path, const char *key, int *value) {
     const char *name = strsep(&rest, "=");
     // Nothing is trimmed: "key =1" names the key "key ", which is another key.
     if (rest == nullptr || strcmp(name, key) != 0) continue;
-    if (value != nullptr) *value = atoi(rest);
+    if (value != nullptr) *value = text_to_int(rest);  // a huge value stops at INT_MAX: out of every range
     result = 0;
     break;
   }

@@ -1,5 +1,7 @@
 // Text helpers: the substring replace under the template expansion, and the
 // "key   value" field finder.
+#include <stdlib.h>
+#include <limits.h>
 #include <cstring>
 
 #include "platform/platform.h"
@@ -43,6 +45,14 @@ int replace_all(const char *text, const char *needle, const char *repl, char *ou
   if (append_bounded(out, out_size, &used, read_pos, strlen(read_pos)) != 0) return -1;
   out[used] = '\0';
   return count;
+}
+
+int text_to_int(const char *text) {
+  if (text == nullptr) return 0;
+  long long v = strtoll(text, nullptr, 10);  // saturates at the long long's ends
+  if (v > INT_MAX) return INT_MAX;
+  if (v < INT_MIN) return INT_MIN;
+  return static_cast<int>(v);
 }
 
 int is_space_char(int c) { return c == ' ' || (c >= 9 && c <= 13); }

@@ -47,7 +47,7 @@ static uint32_t parse_count(const char *text) {
 // byte more than a read can fill, so the text is always terminated even
 // when the closing newline is missing.
 void load_attack_count(void) {
-  FILE *f = fopen(STAT_COUNT_PATH, "r");
+  FILE *f = fopen_regular(STAT_COUNT_PATH);
   if (f == NULL) return;
   char buf[COUNT_READ_SIZE + 1];
   memset(buf, 0, sizeof buf);
@@ -70,12 +70,11 @@ void bump_attack_count(void) {
   int len = snprintf(line, sizeof line, "%u\n", g_attack_count);
   if (len < 0 || (size_t)len >= sizeof line) return;
 
-  // The flags and mode of fopen "w+".
-  int fd = open(STAT_COUNT_PATH, O_RDWR | O_CREAT | O_TRUNC, 0666);
-  if (fd < 0) return;  // the new value stays in memory
-  ssize_t written = write(fd, line, (size_t)len);
-  (void)written;  // a short write shows in the file, nothing else to do
-  close(fd);
+  // In place but not truncated first: a full disk keeps the last count in
+  // the file (it needs no new room), never an empty one that would restart
+  // the lifetime count at 1 after a restart. A failure leaves the new value
+  // in memory; the next attack writes again.
+  overwrite_file(STAT_COUNT_PATH, line, (size_t)len, 0666);
 }
 
 // Memory only: the files keep their content until the next attack and

@@ -1,6 +1,10 @@
 // The day and hour ring files: restored once at start-up, rewritten whole
 // at timeouts when dirty. Files are rewritten in place with no temporary
-// file, so an outside reader may catch one half written.
+// file, so an outside reader may catch one half written; but they are not
+// truncated before the write (overwrite_file), so a disk that is full
+// keeps the last content instead of an empty file. Reads and writes refuse
+// anything but a regular file, so a FIFO at a path never holds the loop.
+#include <limits.h>
 #include <stdio.h>
 #include <string.h>
 #include <time.h>
@@ -28,8 +32,9 @@ static int32_t scan_line(const char *line, int total_line, struct tm *cal, Attac
            &cal->tm_min, &cal->tm_sec, &c->internal_attack, &c->intrusion_attempt,
            &c->automated_attack, &c->unauthorized_access, &c->browser_hijacking,
            &c->password_guessing);
-  cal->tm_year -= 1900;
-  cal->tm_mon -= 1;
+  // A year or month near the int's limit must not wrap: it stops there.
+  cal->tm_year = cal->tm_year >= INT_MIN + 1900 ? cal->tm_year - 1900 : INT_MIN;
+  cal->tm_mon = cal->tm_mon >= INT_MIN + 1 ? cal->tm_mon - 1 : INT_MIN;
   return (int32_t)timegm(cal);
 }
 
@@ -76,7 +81,7 @@ void load_day_stat(void) {
   d.count = 0;
   d.total.time = (int32_t)clock_now();
 
-  FILE *f = fopen(DAY_STAT_PATH, "r");
+  FILE *f = fopen_regular(DAY_STAT_PATH);
   if (f == NULL) return;
   d.count = read_slots(f, d.slots, DAY_SLOTS, &d.total);
   d.head = d.count > 0 ? d.count - 1 : 0;
@@ -90,57 +95,68 @@ void load_hour_stat(void) {
   h.head = 0;
   h.count = 0;
 
-  FILE *f = fopen(HOUR_STAT_PATH, "r");
+  FILE *f = fopen_regular(HOUR_STAT_PATH);
   if (f == NULL) return;
   h.count = read_slots(f, h.slots, HOUR_SLOTS, NULL);
   h.head = h.count > 0 ? h.count - 1 : 0;
   fclose(f);
 }
 
-// One line of a ring file in UTC, prefix "total," or "". A line that would
-// not fit (it cannot: the longest is far below the size) is left out.
-static void write_line(FILE *f, const char *prefix, const StatSlot *slot) {
+// Lines of the longer ring file; the day file's total line included.
+#define RING_TEXT_SIZE (HOUR_SLOTS * STAT_LINE_SIZE)
+static_assert(HOUR_SLOTS >= DAY_SLOTS + 1, "the day file with its total fits too");
+#define RING_FILE_MODE 0666   // as fopen "w+" creates it; the umask applies
+
+// Appends one line of a ring file in UTC, prefix "total," or "", to text
+// (RING_TEXT_SIZE) at *len. A line that would not fit (it cannot: the
+// longest is far below the size) is left out.
+static void add_line(char *text, size_t *len, const char *prefix, const StatSlot *slot) {
   struct tm cal;
   memset(&cal, 0, sizeof cal);
   time_t t = slot->time;
   if (gmtime_r(&t, &cal) == NULL) memset(&cal, 0, sizeof cal);
 
-  char line[STAT_LINE_SIZE];
-  memset(line, 0, sizeof line);
   const AttackCounters &c = slot->counters;
-  int len = snprintf(line, sizeof line, "%s%d-%d-%d %d:%d:%d,%u,%u,%u,%u,%u,%u\n", prefix,
-                     cal.tm_year + 1900, cal.tm_mon + 1, cal.tm_mday, cal.tm_hour, cal.tm_min,
-                     cal.tm_sec, c.internal_attack, c.intrusion_attempt, c.automated_attack,
-                     c.unauthorized_access, c.browser_hijacking, c.password_guessing);
-  if (len < 0 || (size_t)len >= sizeof line) return;
-  fputs(line, f);
+  size_t room = RING_TEXT_SIZE - *len;
+  int n = snprintf(text + *len, room < STAT_LINE_SIZE ? room : STAT_LINE_SIZE,
+                   "%s%d-%d-%d %d:%d:%d,%u,%u,%u,%u,%u,%u\n", prefix, cal.tm_year + 1900,
+                   cal.tm_mon + 1, cal.tm_mday, cal.tm_hour, cal.tm_min, cal.tm_sec,
+                   c.internal_attack, c.intrusion_attempt, c.automated_attack,
+                   c.unauthorized_access, c.browser_hijacking, c.password_guessing);
+  if (n < 0 || (size_t)n >= (room < STAT_LINE_SIZE ? room : STAT_LINE_SIZE)) {
+    text[*len] = '\0';
+    return;
+  }
+  *len += (size_t)n;
 }
 
 // Oldest first: a full ring starts after head, a filling one at 0.
-static void write_slots(FILE *f, const StatSlot *slots, int32_t size, int32_t head,
-                        int32_t count) {
+static void add_slots(char *text, size_t *len, const StatSlot *slots, int32_t size,
+                      int32_t head, int32_t count) {
   int32_t index = count >= size ? (head + 1) % size : 0;
   for (int32_t i = 0; i < count && i < size; i++) {
-    write_line(f, "", &slots[index]);
+    add_line(text, len, "", &slots[index]);
     index = (index + 1) % size;
   }
 }
 
 void save_day_stat(void) {
   const DayStatRing &d = day_stat();
-  FILE *f = fopen(DAY_STAT_PATH, "w+");
-  if (f == NULL) return;
-  write_line(f, "total,", &d.total);
-  write_slots(f, d.slots, DAY_SLOTS, d.head, d.count);
-  fclose(f);
+  static char text[RING_TEXT_SIZE];  // the loop's thread only
+  memset(text, 0, sizeof text);
+  size_t len = 0;
+  add_line(text, &len, "total,", &d.total);
+  add_slots(text, &len, d.slots, DAY_SLOTS, d.head, d.count);
+  overwrite_file(DAY_STAT_PATH, text, len, RING_FILE_MODE);  // unwritten: as before the call
 }
 
 void save_hour_stat(void) {
   const HourStatRing &h = hour_stat();
-  FILE *f = fopen(HOUR_STAT_PATH, "w+");
-  if (f == NULL) return;
-  write_slots(f, h.slots, HOUR_SLOTS, h.head, h.count);
-  fclose(f);
+  static char text[RING_TEXT_SIZE];
+  memset(text, 0, sizeof text);
+  size_t len = 0;
+  add_slots(text, &len, h.slots, HOUR_SLOTS, h.head, h.count);
+  overwrite_file(HOUR_STAT_PATH, text, len, RING_FILE_MODE);
 }
 
 // A write that failed is not retried until the next attack sets the flag.

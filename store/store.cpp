@@ -277,7 +277,11 @@ static int stopped_at(int step) {
 // Writes the temporary file; 0 written, 1 stopped by the seam, -1 failed
 // (the temporary file is removed then).
 static int write_temp(const unsigned char *header, const unsigned char *text, size_t n) {
-  int fd = open(STORE_TMP_PATH, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  // The name is fixed: a leftover goes first, and the file is made anew,
+  // never opened, so a link planted at the name is neither followed nor
+  // renamed over the store.
+  unlink(STORE_TMP_PATH);
+  int fd = open(STORE_TMP_PATH, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
   if (fd < 0) return not_saved("cannot create " STORE_TMP_PATH, errno);
   EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
   int rc = ctx != nullptr ? seal_body(ctx, fd, header, text, n) : not_saved("no cipher context", 0);
@@ -292,6 +296,16 @@ static int write_temp(const unsigned char *header, const unsigned char *text, si
   return rc;
 }
 
+// STORE_DIR and its parent, made when missing with modes that no umask
+// can open to others: the store's folder is root's alone.
+static int make_store_dir(void) {
+  static const char *const dirs[] = {STORE_PARENT_DIR, STORE_DIR};
+  static const mode_t modes[] = {0755, 0700};
+  for (size_t i = 0; i < sizeof dirs / sizeof dirs[0]; i++)
+    if (mkdir(dirs[i], modes[i]) != 0 && errno != EEXIST) return -1;
+  return 0;
+}
+
 static int sync_dir(void) {
   int fd = open(STORE_DIR, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) return not_saved("cannot open " STORE_DIR, errno);
@@ -303,7 +317,7 @@ static int sync_dir(void) {
 int sec_write_conf(const char *text, int length) {
   if (length < 0 || length > STORE_TEXT_MAX) return not_saved("text length out of range", 0);
   if (text == nullptr && length > 0) return not_saved("no text", 0);
-  if (make_dirs(STORE_DIR) != 0) return not_saved("cannot create " STORE_DIR, 0);
+  if (make_store_dir() != 0) return not_saved("cannot create " STORE_DIR, errno);
   size_t unused = 0;
   if (load_store(nullptr, 0, &unused) < 0)
     return not_saved("the existing store does not read and is kept as it is", 0);

@@ -7,7 +7,8 @@
 #include <string>
 
 #define STORE_PATH "/media/nand/mox_data/mox_conf.dat"
-#define STORE_DIR "/media/nand/mox_data"
+#define STORE_PARENT_DIR "/media/nand"
+#define STORE_DIR STORE_PARENT_DIR "/mox_data"
 #define STORE_TMP_PATH STORE_DIR "/mox_conf.dat.tmp"   // next store, until renamed
 #define STORE_TEXT_MAX 18432   // largest text the store keeps
 

@@ -259,6 +259,7 @@ TEST_F(LogTest, LevelFromSettingsFile) {
       {"mox_logd=1=x\n", "mox_logd", 1}, {"other=0\nmox_logd=2\n", "mox_logd", 2},
       {"mox_logd=1\nmox_logd=3\n", "mox_logd", 1}, {"", "mox_logd", 4},
       {nullptr, "mox_logd", 4},          {"mox_logd=1\n", nullptr, 4},
+      {"mox_logd=4294967297\n", "mox_logd", 4},  // never wrapped into 1
   };
   for (const Case &c : cases) {
     unlink(RZPZ_PATH);

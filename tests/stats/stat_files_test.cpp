@@ -140,6 +140,11 @@ TEST_F(StatFilesTest, DamagedDayFiles) {
   EXPECT_EQ(day.count, DAY_SLOTS);
   EXPECT_EQ(day.slots[DAY_SLOTS - 1].counters.internal_attack, 30u);
 
+  // Calendar fields at the int's limits stop there instead of wrapping.
+  put(DAY_STAT_PATH, "total,-2147483647--2147483647-1 0:0:0,7\n");
+  load_day_stat();
+  EXPECT_EQ(day.total.counters.internal_attack, 7u);
+
   put(DAY_STAT_PATH, "");
   load_day_stat();
   EXPECT_EQ(std::make_tuple(day.count, day.slots[0].counters.internal_attack), std::make_tuple(0, 0u));
