@@ -30,9 +30,9 @@ static_assert(below_release_dir(NGINX_CONF_PATH) && below_release_dir(WEBSITES_C
               "the generated files lie in the release folder");
 
 static const char *const generated_files[] = {
-    NGINX_CONF_PATH + sizeof RELEASE_DIR,
-    WEBSITES_CONF_PATH + sizeof RELEASE_DIR,
-    QSP_CONF_PATH + sizeof RELEASE_DIR,
+    &NGINX_CONF_PATH[sizeof RELEASE_DIR],
+    &WEBSITES_CONF_PATH[sizeof RELEASE_DIR],
+    &QSP_CONF_PATH[sizeof RELEASE_DIR],
     nullptr,
 };
 
