@@ -36,16 +36,21 @@ static Output outputs[] = {
 };
 #define OUTPUT_COUNT (sizeof outputs / sizeof outputs[0])
 
-// 0 when the template is a readable regular file the expansion can take.
-static int check_template(const char *path) {
+// 0 when the template of out is a regular file the expansion can take;
+// else 1, reported naming the file that is not written.
+static int check_template(const Output *out) {
+  const char *path = out->template_path;
+  const char *target = data_path(out->kind);
   struct stat st;
   if (stat(path, &st) != 0)
-    return failure(EXIT_REFUSED, "template %s: %s", path, strerror(errno));
-  if (!S_ISREG(st.st_mode)) return failure(EXIT_REFUSED, "template %s is not a file", path);
-  if (st.st_size == 0) return failure(EXIT_REFUSED, "template %s is empty", path);
+    return failure(EXIT_REFUSED, "%s not written: template %s: %s", target, path, strerror(errno));
+  if (!S_ISREG(st.st_mode))
+    return failure(EXIT_REFUSED, "%s not written: template %s is not a file", target, path);
+  if (st.st_size == 0)
+    return failure(EXIT_REFUSED, "%s not written: template %s is empty", target, path);
   if (st.st_size >= STORED_TEXT_SIZE)
-    return failure(EXIT_REFUSED, "template %s is %lld bytes; at most %d", path,
-                   (long long)st.st_size, STORED_TEXT_SIZE - 1);
+    return failure(EXIT_REFUSED, "%s not written: template %s is %lld bytes; at most %d", target,
+                   path, (long long)st.st_size, STORED_TEXT_SIZE - 1);
   return 0;
 }
 
@@ -117,8 +122,7 @@ int cmd_generate(const char *which) {
 
   if (stored_length() < 0) return EXIT_REFUSED;
   for (size_t i = 0; i < OUTPUT_COUNT; i++)
-    if (wanted[i] && outputs[i].template_path != NULL &&
-        check_template(outputs[i].template_path) != 0)
+    if (wanted[i] && outputs[i].template_path != NULL && check_template(&outputs[i]) != 0)
       return EXIT_REFUSED;
   if ((all || strcmp(which, "qsp") == 0) &&
       (check_stored_key("fixed_key") != 0 || check_stored_key("cluster_key") != 0))

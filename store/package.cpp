@@ -366,47 +366,27 @@ static int signature_holds(EVP_PKEY *key, const std::string &msg, const unsigned
   return ok;
 }
 
-// Enciphers n bytes of in into out under the package key with the header as
-// AAD, and gives the tag. 0 or -1.
-static int seal_gcm(const unsigned char *header, const unsigned char *in, size_t n,
-                    unsigned char *out, unsigned char *tag) {
+// One AES-256-GCM pass over n bytes of in into out under the package key,
+// with the header as AAD: enciphering gives the tag, deciphering checks it.
+// 0, or -1 (for deciphering: any changed byte, a cut, another key).
+static int run_gcm(int encrypt, const unsigned char *header, const unsigned char *in, size_t n,
+                   unsigned char *out, unsigned char *tag) {
   unsigned char key[STORE_KEY_SIZE] = {0};
   if (store_token_key(RELEASE_SALT, RELEASE_INFO, key) != 0) return -1;
   EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
   unsigned char rest[RELEASE_TAG_SIZE] = {0};  // GCM gives nothing at the end; room all the same
   int len = 0, end = 0;
   int ok = ctx != nullptr &&
-           EVP_EncryptInit_ex(ctx, EVP_aes_256_gcm(), nullptr, nullptr, nullptr) > 0 &&
+           EVP_CipherInit_ex(ctx, EVP_aes_256_gcm(), nullptr, nullptr, nullptr, encrypt) > 0 &&
            EVP_CIPHER_CTX_ctrl(ctx, EVP_CTRL_GCM_SET_IVLEN, RELEASE_NONCE_SIZE, nullptr) > 0 &&
-           EVP_EncryptInit_ex(ctx, nullptr, nullptr, key, header + RELEASE_NONCE_OFFSET) > 0 &&
-           EVP_EncryptUpdate(ctx, nullptr, &len, header, RELEASE_HEADER_SIZE) > 0 &&
-           EVP_EncryptUpdate(ctx, out, &len, in, static_cast<int>(n)) > 0 &&
-           static_cast<size_t>(len) == n && EVP_EncryptFinal_ex(ctx, rest, &end) > 0 &&
-           end == 0 && EVP_CIPHER_CTX_ctrl(ctx, EVP_CTRL_GCM_GET_TAG, RELEASE_TAG_SIZE, tag) > 0;
-  EVP_CIPHER_CTX_free(ctx);
-  OPENSSL_cleanse(key, sizeof key);
-  return ok ? 0 : -1;
-}
-
-// Deciphers n bytes of in into out and checks the tag. 0, or -1 for any
-// changed byte, a cut, or a package of another key.
-static int open_gcm(const unsigned char *header, const unsigned char *in, size_t n,
-                    unsigned char *out, const unsigned char *tag) {
-  unsigned char key[STORE_KEY_SIZE] = {0};
-  if (store_token_key(RELEASE_SALT, RELEASE_INFO, key) != 0) return -1;
-  EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
-  unsigned char rest[RELEASE_TAG_SIZE] = {0};
-  int len = 0, end = 0;
-  int ok = ctx != nullptr &&
-           EVP_DecryptInit_ex(ctx, EVP_aes_256_gcm(), nullptr, nullptr, nullptr) > 0 &&
-           EVP_CIPHER_CTX_ctrl(ctx, EVP_CTRL_GCM_SET_IVLEN, RELEASE_NONCE_SIZE, nullptr) > 0 &&
-           EVP_DecryptInit_ex(ctx, nullptr, nullptr, key, header + RELEASE_NONCE_OFFSET) > 0 &&
-           EVP_DecryptUpdate(ctx, nullptr, &len, header, RELEASE_HEADER_SIZE) > 0 &&
-           EVP_DecryptUpdate(ctx, out, &len, in, static_cast<int>(n)) > 0 &&
+           EVP_CipherInit_ex(ctx, nullptr, nullptr, key, header + RELEASE_NONCE_OFFSET,
+                             encrypt) > 0 &&
+           EVP_CipherUpdate(ctx, nullptr, &len, header, RELEASE_HEADER_SIZE) > 0 &&
+           EVP_CipherUpdate(ctx, out, &len, in, static_cast<int>(n)) > 0 &&
            static_cast<size_t>(len) == n &&
-           EVP_CIPHER_CTX_ctrl(ctx, EVP_CTRL_GCM_SET_TAG, RELEASE_TAG_SIZE,
-                               const_cast<unsigned char *>(tag)) > 0 &&
-           EVP_DecryptFinal_ex(ctx, rest, &end) > 0;
+           (encrypt || EVP_CIPHER_CTX_ctrl(ctx, EVP_CTRL_GCM_SET_TAG, RELEASE_TAG_SIZE, tag) > 0) &&
+           EVP_CipherFinal_ex(ctx, rest, &end) > 0 && end == 0 &&
+           (!encrypt || EVP_CIPHER_CTX_ctrl(ctx, EVP_CTRL_GCM_GET_TAG, RELEASE_TAG_SIZE, tag) > 0);
   EVP_CIPHER_CTX_free(ctx);
   OPENSSL_cleanse(key, sizeof key);
   return ok ? 0 : -1;
@@ -474,8 +454,10 @@ static int open_package(const std::string &pkg, std::string &archive,
   size_t n = size - RELEASE_HEADER_SIZE - RELEASE_TAG_SIZE;
   std::string plain(n, '\0');
   const unsigned char *header = bytes_of(pkg);
-  if (open_gcm(header, header + RELEASE_HEADER_SIZE, n, reinterpret_cast<unsigned char *>(&plain[0]),
-               header + RELEASE_HEADER_SIZE + n) != 0)
+  // The tag is only read when deciphering.
+  if (run_gcm(0, header, header + RELEASE_HEADER_SIZE, n,
+              reinterpret_cast<unsigned char *>(&plain[0]),
+              const_cast<unsigned char *>(header + RELEASE_HEADER_SIZE + n)) != 0)
     return refuse(why, why_size, "release package does not decipher (changed, cut or foreign)");
   EVP_PKEY *key = load_verify_key();
   if (key == nullptr) return refuse(why, why_size, "the compiled-in verify key does not load");
@@ -525,8 +507,8 @@ static int seal_with(EVP_PKEY *key, const std::string &archive, std::string &pkg
   pkg.assign(reinterpret_cast<const char *>(header), sizeof header);
   pkg.resize(RELEASE_HEADER_SIZE + n + RELEASE_TAG_SIZE);
   unsigned char *out = reinterpret_cast<unsigned char *>(&pkg[0]);
-  if (seal_gcm(header, bytes_of(plain), n, out + RELEASE_HEADER_SIZE,
-               out + RELEASE_HEADER_SIZE + n) != 0) {
+  if (run_gcm(1, header, bytes_of(plain), n, out + RELEASE_HEADER_SIZE,
+              out + RELEASE_HEADER_SIZE + n) != 0) {
     pkg.clear();
     return refuse(why, why_size, "encipher failed");
   }

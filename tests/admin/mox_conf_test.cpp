@@ -7,7 +7,6 @@
 #include <openssl/x509.h>
 #include <poll.h>
 #include <signal.h>
-#include <netinet/in.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -18,10 +17,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -37,30 +36,19 @@ const char kNginxConf[] = "/tmp/mox/release/nginx/nginx.conf";
 const char kQspConf[] = "/tmp/mox/release/conf_shared/qsp_conf.json";
 const char kNginx[] = "/usr/sbin/nginx";
 
-using Result = RunResult;
-
-// Runs mox_conf with args, collecting both outputs and the exit code.
-Result mox_conf(std::vector<std::string> args) {
+RunResult mox_conf(std::vector<std::string> args) {
   args.insert(args.begin(), "mox_conf");
   return run_binary(sandbox_conf_path(), args);
 }
 
 std::string slurp(const std::string &path) {
-  std::string text;
-  FILE *f = std::fopen(path.c_str(), "rb");
-  if (f == nullptr) return "<missing>";
-  char buf[4096];
-  size_t n;
-  while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
-  std::fclose(f);
-  return text;
+  std::ifstream in(path, std::ios::binary);
+  return in ? std::string(std::istreambuf_iterator<char>(in), {}) : "<missing>";
 }
 
 bool spill(const std::string &path, const std::string &text) {
-  FILE *f = std::fopen(path.c_str(), "wb");
-  if (f == nullptr) return false;
-  bool ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
-  return std::fclose(f) == 0 && ok;
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  return out.write(text.data(), (std::streamsize)text.size()).flush().good();
 }
 
 std::string replaced(std::string text, const std::string &from, const std::string &to) {
@@ -69,57 +57,8 @@ std::string replaced(std::string text, const std::string &from, const std::strin
   return text;
 }
 
-// Whole-input JSON validity, by recursive descent.
-struct JsonCheck {
-  const char *p;
-  void blank() { while (*p == ' ' || *p == '\t' || *p == '\n' || *p == '\r') p++; }
-  bool word(const char *w) { return std::strncmp(p, w, std::strlen(w)) == 0 && (p += std::strlen(w)); }
-  bool digits() { const char *s = p; while (std::isdigit((unsigned char)*p)) p++; return p > s; }
-  bool number() {
-    if (*p == '-') p++;
-    if (!digits()) return false;
-    if (*p == '.' && (++p, !digits())) return false;
-    if (*p == 'e' || *p == 'E') { p++; if (*p == '+' || *p == '-') p++; return digits(); }
-    return true;
-  }
-  bool string() {
-    if (*p != '"') return false;
-    for (p++; *p != '"'; p++) {
-      if (*p == '\0' || (unsigned char)*p < 0x20) return false;
-      if (*p == '\\' && (*++p == '\0' || std::strchr("\"\\/bfnrtu", *p) == nullptr)) return false;
-    }
-    p++;
-    return true;
-  }
-  bool list(char close, bool object) {
-    p++;
-    blank();
-    if (*p == close) return ++p;
-    for (;;) {
-      blank();
-      if (object && !(string() && (blank(), *p++ == ':'))) return false;
-      if (!value()) return false;
-      if (*p == close) return ++p;
-      if (*p++ != ',') return false;
-    }
-  }
-  bool value() {
-    blank();
-    bool ok = *p == '{' ? list('}', true) : *p == '[' ? list(']', false) : *p == '"' ? string()
-            : word("true") || word("false") || word("null") || number();
-    blank();
-    return ok;
-  }
-};
-
-bool json_valid(const std::string &text) {
-  JsonCheck c{text.c_str()};
-  return c.value() && *c.p == '\0';
-}
-
-// A self-signed certificate and key where the nginx template expects the
-// device's own.
-bool make_certificate(const std::string &crt, const std::string &key) {
+// A self-signed certificate and key where the nginx template expects the device's own.
+bool make_certificate(const char *crt, const char *key) {
   EVP_PKEY *pkey = EVP_EC_gen("P-256");
   X509 *x = X509_new();
   bool ok = pkey != nullptr && x != nullptr;
@@ -128,17 +67,14 @@ bool make_certificate(const std::string &crt, const std::string &key) {
     X509_gmtime_adj(X509_getm_notBefore(x), 0);
     X509_gmtime_adj(X509_getm_notAfter(x), 86400);
     X509_set_pubkey(x, pkey);
-    X509_NAME_add_entry_by_txt(X509_get_subject_name(x), "CN", MBSTRING_ASC,
-                               (const unsigned char *)"mox-test", -1, -1, 0);
     X509_set_issuer_name(x, X509_get_subject_name(x));
     ok = X509_sign(x, pkey, EVP_sha256()) > 0;
   }
-  FILE *c = ok ? std::fopen(crt.c_str(), "w") : nullptr;
-  FILE *k = ok ? std::fopen(key.c_str(), "w") : nullptr;
+  FILE *c = ok ? std::fopen(crt, "w") : nullptr, *k = ok ? std::fopen(key, "w") : nullptr;
   ok = c != nullptr && k != nullptr && PEM_write_X509(c, x) == 1 &&
        PEM_write_PrivateKey(k, pkey, nullptr, nullptr, 0, nullptr, nullptr) == 1;
-  if (c != nullptr) std::fclose(c);
-  if (k != nullptr) std::fclose(k);
+  for (FILE *f : {c, k})
+    if (f != nullptr) std::fclose(f);
   X509_free(x);
   EVP_PKEY_free(pkey);
   return ok;
@@ -174,7 +110,7 @@ class MoxConfTest : public ::testing::Test {
 
   // Runs and expects success with empty stderr.
   std::string ok(std::vector<std::string> args) {
-    Result r = mox_conf(args);
+    RunResult r = mox_conf(args);
     EXPECT_EQ(0, r.code) << args[0] << ": " << r.err;
     EXPECT_EQ("", r.err);
     return r.out;
@@ -182,7 +118,7 @@ class MoxConfTest : public ::testing::Test {
 
   // Runs and expects the exit code with one "mox_conf: " line on stderr.
   void fails(int code, std::vector<std::string> args) {
-    Result r = mox_conf(args);
+    RunResult r = mox_conf(args);
     std::string shown = args.empty() ? "(none)" : args.back();
     EXPECT_EQ(code, r.code) << shown << ": " << r.err;
     EXPECT_EQ(0u, r.err.rfind("mox_conf: ", 0)) << shown << ": " << r.err;
@@ -191,13 +127,13 @@ class MoxConfTest : public ::testing::Test {
   }
 };
 
-TEST_F(MoxConfTest, WebsitesAreAddedReplacedAndRemovedByFullName) {
+TEST_F(MoxConfTest, WebsitesAndSectionsAreSetReadAndRemoved) {
   REQUIRE_SANDBOX();
   EXPECT_EQ("", ok({"proxy", "list"}));
   ok({"proxy", "add", "site 127.0.0.1:8080 127.0.0.1:80"});
   ok({"proxy", "add", "site2 127.0.0.1:8081 127.0.0.1:81"});
   ok({"proxy", "add", "other 127.0.0.1:8082 127.0.0.1:82"});
-  ok({"proxy", "add", "site 0.0.0.0:9090 127.0.0.1:90 --protect=off"});
+  ok({"proxy", "add", "site 0.0.0.0:9090 127.0.0.1:90 --protect=off"});  // replaced in place
   EXPECT_EQ("site 0.0.0.0:9090 127.0.0.1:90 --protect=off\nsite2 127.0.0.1:8081 127.0.0.1:81\n"
             "other 127.0.0.1:8082 127.0.0.1:82\n",
             ok({"proxy", "list"}));
@@ -206,29 +142,19 @@ TEST_F(MoxConfTest, WebsitesAreAddedReplacedAndRemovedByFullName) {
   fails(1, {"proxy", "remove", "site2 127.0.0.1:8081 127.0.0.1:81"});
   EXPECT_EQ("site2 127.0.0.1:8081 127.0.0.1:81\nother 127.0.0.1:8082 127.0.0.1:82\n",
             ok({"proxy", "list"}));
-  ok({"proxy", "remove", "site2"});
-  ok({"proxy", "remove", "other"});
-  EXPECT_EQ("", ok({"proxy", "list"}));
-  ok({"proxy", "add", "again 127.0.0.1:8080 127.0.0.1:80"});
-  EXPECT_EQ("again 127.0.0.1:8080 127.0.0.1:80\n", ok({"proxy", "list"}));
-}
 
-TEST_F(MoxConfTest, SectionsAreSetReadAndDeleted) {
-  REQUIRE_SANDBOX();
   fails(1, {"get", "logserver"});
   ok({"set", "logserver", "10.0.0.5:514"});
   ok({"set", "randtime", "3 6"});
   ok({"set", "logserver", "relp://10.0.0.6:601 1200"});
   ok({"set", "fixed_key", ""});
   EXPECT_EQ("relp://10.0.0.6:601 1200\n", ok({"get", "logserver"}));
-  EXPECT_EQ("3 6\n", ok({"get", "randtime"}));
   EXPECT_EQ("\n", ok({"get", "fixed_key"}));
   ok({"delete", "logserver"});
   fails(1, {"get", "logserver"});
   fails(1, {"delete", "logserver"});
   fails(1, {"delete", "fixed_key"});
   EXPECT_EQ("3 6\n", ok({"get", "randtime"}));
-  ok({"proxy", "add", "web 127.0.0.1:8080 127.0.0.1:80"});
   ok({"delete", "proxy"});
   EXPECT_EQ("", ok({"proxy", "list"}));
 }
@@ -260,7 +186,7 @@ TEST_F(MoxConfTest, BadUsageExitsTwoAndHelpExitsZero) {
       {"proxy"}, {"proxy", "add"}, {"proxy", "list", "x"}, {"proxy", "drop", "x"},
       {"generate"}, {"generate", "apache"}, {"--version"}};
   for (const auto &args : bad) fails(2, args);
-  Result help = mox_conf({"--help"});
+  RunResult help = mox_conf({"--help"});
   EXPECT_EQ(0, help.code);
   EXPECT_EQ(0u, help.out.find("usage: mox_conf get SECTION\n"));
   EXPECT_NE(std::string::npos, help.out.find("never regenerate"));
@@ -341,23 +267,13 @@ TEST_F(MoxConfTest, GenerateWritesTheFilesFromTemplatesAndWebsites) {
                  "{cluster_key}", "c-key/9");
   EXPECT_EQ(qsp, slurp(kQspConf));
   EXPECT_NE(std::string::npos, qsp.find("\"cluster_key\": \"c-key/9\""));
-  EXPECT_TRUE(json_valid(slurp(kQspConf)));
-  EXPECT_FALSE(json_valid(replaced(qsp, "\"c-key/9\"", "c-key/9")));
-}
-
-TEST_F(MoxConfTest, AdminAddressFollowsBr0) {
-  REQUIRE_SANDBOX();
-  ASSERT_EQ(0, sandbox_add_br0("192.168.77.1/24"));
-  ok({"generate", "qsp"});
-  EXPECT_NE(std::string::npos, slurp(kQspConf).find("\"admin_ip\": \"192.168.77.1\",\n"));
-  EXPECT_EQ("<missing>", slurp(kNginxConf));
 }
 
 TEST_F(MoxConfTest, WebsiteFileHoldsExactlyTheWebsitesThatGenerate) {
   REQUIRE_SANDBOX();
   ok({"proxy", "add", kWeb1});
   ok({"proxy", "add", "far 127.0.0.1:8090 203.0.113.7:80"});  // upstream not of this device
-  Result r = mox_conf({"generate", "nginx"});
+  RunResult r = mox_conf({"generate", "nginx"});
   EXPECT_EQ(1, r.code);
   EXPECT_NE(std::string::npos, r.err.find("1 of 2 websites left out")) << r.err;
   EXPECT_EQ(kWeb1Block, slurp(kWebsites));
@@ -372,6 +288,10 @@ TEST_F(MoxConfTest, WebsiteFileHoldsExactlyTheWebsitesThatGenerate) {
   ok({"generate", "nginx"});
   EXPECT_EQ("", slurp(kWebsites));
   EXPECT_NE("<missing>", slurp(kNginxConf));
+  // The admin address follows br0 (192.168.1.1 without it).
+  ASSERT_EQ(0, sandbox_add_br0("192.168.77.1/24"));
+  ok({"generate", "qsp"});
+  EXPECT_NE(std::string::npos, slurp(kQspConf).find("\"admin_ip\": \"192.168.77.1\",\n"));
 
   ASSERT_EQ(0, sandbox_wipe("/tmp/mox/release/conf_shared"));
   fails(1, {"generate", "all"});
@@ -379,14 +299,7 @@ TEST_F(MoxConfTest, WebsiteFileHoldsExactlyTheWebsitesThatGenerate) {
 }
 
 // Files of a folder, sorted, so that a stray temporary file shows.
-std::string listing(const std::string &dir) {
-  std::string cmd = "ls -A '" + dir + "' 2>&1", text;
-  FILE *p = popen(cmd.c_str(), "r");
-  char buf[256];
-  while (p != nullptr && std::fgets(buf, sizeof buf, p) != nullptr) text += buf;
-  if (p != nullptr) pclose(p);
-  return text;
-}
+std::string listing(const std::string &dir) { return run_binary("/bin/ls", {"ls", "-A", dir}).out; }
 
 TEST_F(MoxConfTest, ADamagedStoreIsNeverGeneratedFromAndCanBeReset) {
   REQUIRE_SANDBOX();
@@ -404,7 +317,7 @@ TEST_F(MoxConfTest, ADamagedStoreIsNeverGeneratedFromAndCanBeReset) {
   EXPECT_TRUE(slurp(kNginxConf) == nginx && slurp(kWebsites) == sites && slurp(kQspConf) == qsp)
       << "a generated file changed";
   EXPECT_TRUE(slurp(kStore) == damaged);
-  Result r = mox_conf({"get", "fixed_key"});
+  RunResult r = mox_conf({"get", "fixed_key"});
   EXPECT_NE(std::string::npos, r.err.find("authentication failed")) << r.err;
   EXPECT_NE(std::string::npos, r.err.find("store reset")) << r.err;
 
@@ -431,7 +344,7 @@ TEST_F(MoxConfTest, GenerationWritesWholeFilesOrFailsSayingWhich) {
   // A directory in the file's place: nothing claimed, the file named.
   ASSERT_EQ(0, unlink(kQspConf));
   ASSERT_EQ(0, mkdir(kQspConf, 0755));
-  Result r = mox_conf({"generate", "all"});
+  RunResult r = mox_conf({"generate", "all"});
   EXPECT_EQ(1, r.code);
   EXPECT_NE(std::string::npos, r.err.find(std::string("cannot write ") + kQspConf)) << r.err;
   ASSERT_EQ(0, rmdir(kQspConf));
@@ -466,25 +379,6 @@ TEST_F(MoxConfTest, GenerationWritesWholeFilesOrFailsSayingWhich) {
   EXPECT_EQ(before, listing(nginx_dir));
 }
 
-// The status line of an HTTP/1.0 GET to 127.0.0.1:port, or "".
-std::string http_get(int port, const char *path) {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in to{};
-  to.sin_family = AF_INET;
-  to.sin_port = htons((uint16_t)port);
-  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  std::string got;
-  if (fd >= 0 && connect(fd, (sockaddr *)&to, sizeof to) == 0) {
-    std::string request = std::string("GET ") + path + " HTTP/1.0\r\n\r\n";
-    char buf[256];
-    ssize_t n = 0;
-    if (send(fd, request.data(), request.size(), 0) == (ssize_t)request.size())
-      while ((n = recv(fd, buf, sizeof buf, 0)) > 0) got.append(buf, (size_t)n);
-  }
-  if (fd >= 0) close(fd);
-  return got.substr(0, got.find('\r'));
-}
-
 TEST_F(MoxConfTest, NginxStartsFromTheShippedTemplateAndLogsToTheDaemon) {
   REQUIRE_SANDBOX();
   if (access(kNginx, X_OK) != 0) GTEST_SKIP() << "nginx not installed (scripts/test installs it)";
@@ -500,11 +394,9 @@ TEST_F(MoxConfTest, NginxStartsFromTheShippedTemplateAndLogsToTheDaemon) {
   const std::string dir = "/tmp/mox/nginx_check/";
   for (const char *file : {"nginx.conf", "website_upstreams.conf", "policy_default.conf"}) {
     std::string text = slurp(std::string("/tmp/mox/release/nginx/") + file), kept;
-    for (size_t at = 0; at < text.size();) {
-      size_t end = std::min(text.find('\n', at), text.size() - 1);
-      std::string line = text.substr(at, end - at + 1);
-      if (line.find("kvsafe") == std::string::npos) kept += line;
-      at = end + 1;
+    for (size_t at = 0, end; at < text.size(); at = end + 1) {
+      end = std::min(text.find('\n', at), text.size() - 1);
+      if (text.substr(at, end - at).find("kvsafe") == std::string::npos) kept += text.substr(at, end - at + 1);
     }
     ASSERT_TRUE(spill(dir + file, replaced(kept, kWebsites, dir + "website_upstreams.conf")));
   }
@@ -516,23 +408,20 @@ TEST_F(MoxConfTest, NginxStartsFromTheShippedTemplateAndLogsToTheDaemon) {
   ASSERT_EQ(0, bind(sock, (sockaddr *)&addr, sizeof addr));
 
   const std::string nginx = std::string(kNginx) + " -p " + dir + " -c " + dir + "nginx.conf";
-  FILE *p = popen((nginx + " -t 2>&1").c_str(), "r");
-  ASSERT_NE(nullptr, p);
-  std::string said;
-  char buf[512];
-  while (std::fgets(buf, sizeof buf, p) != nullptr) said += buf;
-  EXPECT_EQ(0, pclose(p)) << said;
+  RunResult checked = run_binary("/bin/sh", {"sh", "-c", nginx + " -t 2>&1"});
+  EXPECT_EQ(0, checked.code) << checked.out;
   ASSERT_EQ(0, std::system((nginx + " 2>&1").c_str())) << "nginx did not start";
+  // The health check on every address, by bash's own TCP client.
   std::string health;
-  for (int i = 0; i < 50 && health.find("204") == std::string::npos; i++) {
-    usleep(100 * 1000);
-    health = http_get(8088, "/mox_health");
-  }
+  for (int i = 0; i < 50 && health.find("204") == std::string::npos; i++, usleep(100 * 1000))
+    health = run_binary("/bin/bash", {"bash", "-c", "exec 3<>/dev/tcp/127.0.0.1/8088 && printf "
+                                      "'GET /mox_health HTTP/1.0\\r\\n\\r\\n' >&3 && head -1 <&3"}).out;
   std::system((nginx + " -s stop 2>/dev/null").c_str());
-  EXPECT_NE(std::string::npos, health.find("HTTP/1.1 204")) << health;
+  EXPECT_EQ(0u, health.find("HTTP/1.1 204")) << health;
 
   pollfd pfd{sock, POLLIN, 0};
   ASSERT_EQ(1, poll(&pfd, 1, 2000)) << "no access record reached the socket";
+  char buf[512];
   ssize_t n = recv(sock, buf, sizeof buf - 1, 0);
   ASSERT_GT(n, 0);
   buf[n] = '\0';
@@ -549,7 +438,7 @@ TEST_F(MoxConfTest, AnInstalledCopyCarriesTheReleaseItInstalls) {
                             " >/dev/null").c_str()));
   const std::string tool = prefix + "/sbin/mox_conf";
   ASSERT_EQ(0, sandbox_wipe("/tmp/mox/release"));
-  Result r = run_binary(tool.c_str(), {"mox_conf", "release", "verify"});
+  RunResult r = run_binary(tool.c_str(), {"mox_conf", "release", "verify"});
   EXPECT_EQ(0, r.code) << r.err;
   r = run_binary(tool.c_str(), {"mox_conf", "release", "install"});
   ASSERT_EQ(0, r.code) << r.err;

@@ -1,5 +1,5 @@
-// A TCP collector on 127.0.0.1 for the sender's tests: accepts connections
-// on its own thread and keeps every octet-counted frame it receives whole.
+// A TCP peer on 127.0.0.1 for the shipping tests, serving on its own thread:
+// a collector that stores what it reads, or one that misbehaves.
 #pragma once
 
 #include <arpa/inet.h>
@@ -14,26 +14,36 @@
 #include <thread>
 #include <vector>
 
+enum class Peer {
+  kStore,  // reads everything and closes in order after the sender's end
+  kSlow,   // the same, a little at a time
+  kReset,  // accepts and resets at once, reading nothing
+  kMute,   // listens and never accepts: the kernel takes the bytes, nobody reads them
+};
+
 class Collector {
  public:
-  // Listens on a free port; port() is 0 when that failed.
-  Collector() {
+  // Listens on port (0: a free one); port() is 0 when it cannot.
+  explicit Collector(int port = 0, Peer mode = Peer::kStore) : mode_(mode) {
     fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int one = 1;
+    setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_port = htons((uint16_t)port);
     socklen_t len = sizeof a;
     if (fd_ < 0 || bind(fd_, (sockaddr *)&a, sizeof a) != 0 || listen(fd_, 16) != 0 ||
         getsockname(fd_, (sockaddr *)&a, &len) != 0)
       return;
     port_ = ntohs(a.sin_port);
-    thread_ = std::thread([this] { run(); });
+    if (mode_ != Peer::kMute) thread_ = std::thread([this] { serve(); });
   }
   ~Collector() { stop(); }
 
   int port() const { return port_; }
 
-  // Stops accepting and closes the port (a later send is refused).
+  // Stops serving and closes the port (a later connect is refused).
   void stop() {
     stop_ = true;
     if (thread_.joinable()) thread_.join();
@@ -41,52 +51,51 @@ class Collector {
     fd_ = -1;
   }
 
-  // The frames so far, each without its count.
-  std::vector<std::string> frames() {
-    std::lock_guard<std::mutex> g(m_);
-    return frames_;
+  // Every byte read so far, connection after connection.
+  std::string bytes() {
+    std::lock_guard<std::mutex> hold(mutex_);
+    return bytes_;
   }
 
-  // Waits up to ms milliseconds for at least n frames.
-  bool wait_for(size_t n, int ms) {
-    for (int waited = 0; waited <= ms; waited += 20) {
-      if (frames().size() >= n) return true;
-      usleep(20000);
+  // The complete octet-counted frames read so far, each without its count.
+  std::vector<std::string> frames() {
+    std::string s = bytes();
+    std::vector<std::string> out;
+    for (size_t at = 0, sp; (sp = s.find(' ', at)) != std::string::npos;) {
+      size_t n = std::stoul(s.substr(at, sp - at));
+      if (sp + 1 + n > s.size()) break;
+      out.push_back(s.substr(sp + 1, n));
+      at = sp + 1 + n;
     }
-    return false;
+    return out;
   }
 
  private:
-  void run() {
+  void serve() {
     while (!stop_) {
       pollfd p{fd_, POLLIN, 0};
-      if (poll(&p, 1, 50) <= 0) continue;
-      int c = accept(fd_, nullptr, nullptr);
-      if (c < 0) continue;
-      std::string got;
+      int conn = poll(&p, 1, 20) == 1 ? accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+      if (conn < 0) continue;
+      struct linger abort_close = {1, 0};
+      struct timeval quiet = {5, 0};
+      if (mode_ == Peer::kReset) setsockopt(conn, SOL_SOCKET, SO_LINGER, &abort_close, sizeof abort_close);
+      setsockopt(conn, SOL_SOCKET, SO_RCVTIMEO, &quiet, sizeof quiet);
       char buf[8192];
-      for (ssize_t n; (n = read(c, buf, sizeof buf)) > 0;) got.append(buf, (size_t)n);
-      close(c);
-      split(got);
+      size_t chunk = mode_ == Peer::kSlow ? 512 : sizeof buf;
+      for (ssize_t n; mode_ != Peer::kReset && (n = recv(conn, buf, chunk, 0)) > 0;) {
+        std::lock_guard<std::mutex> hold(mutex_);
+        bytes_.append(buf, (size_t)n);
+        if (mode_ == Peer::kSlow) usleep(2000);
+      }
+      close(conn);
     }
   }
 
-  void split(const std::string &s) {
-    size_t at = 0;
-    while (at < s.size()) {
-      size_t sp = s.find(' ', at);
-      if (sp == std::string::npos) break;
-      size_t n = std::stoul(s.substr(at, sp - at));
-      std::lock_guard<std::mutex> g(m_);
-      frames_.push_back(s.substr(sp + 1, n));
-      at = sp + 1 + n;
-    }
-  }
-
+  const Peer mode_;
   int fd_ = -1;
   int port_ = 0;
   std::atomic<bool> stop_{false};
   std::thread thread_;
-  std::mutex m_;
-  std::vector<std::string> frames_;
+  std::mutex mutex_;
+  std::string bytes_;
 };

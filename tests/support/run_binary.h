@@ -2,9 +2,8 @@
 // tests that judge a tool by its exit code and its output.
 #pragma once
 
-#include <errno.h>
 #include <fcntl.h>
-#include <poll.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,53 +16,31 @@ struct RunResult {
 };
 
 // Runs path with argv (argv[0] is the name the program is given) and stdin
-// on /dev/null; both outputs are read at once, so neither pipe can fill up
-// and stall the program.
+// on /dev/null. Both outputs go to anonymous files, so no pipe can fill up
+// and stall the program, and a child it leaves running holds nothing up.
 inline RunResult run_binary(const char *path, std::vector<std::string> argv) {
   RunResult r{-1, "", ""};
   std::vector<char *> args;
   for (std::string &a : argv) args.push_back(&a[0]);
   args.push_back(nullptr);
-  int out[2], err[2];
-  if (pipe2(out, O_CLOEXEC) != 0) return r;
-  if (pipe2(err, O_CLOEXEC) != 0) {
-    close(out[0]);
-    close(out[1]);
-    return r;
-  }
-  pid_t pid = fork();
+  int fds[2] = {memfd_create("out", MFD_CLOEXEC), memfd_create("err", MFD_CLOEXEC)};
+  pid_t pid = fds[0] >= 0 && fds[1] >= 0 ? fork() : -1;
   if (pid == 0) {
     int in = open("/dev/null", O_RDONLY);
-    if (in < 0) _exit(126);
-    dup2(in, STDIN_FILENO);
-    dup2(out[1], STDOUT_FILENO);
-    dup2(err[1], STDERR_FILENO);
+    if (in < 0 || dup2(in, 0) < 0 || dup2(fds[0], 1) < 0 || dup2(fds[1], 2) < 0) _exit(126);
     execv(path, args.data());
     _exit(127);
   }
-  close(out[1]);
-  close(err[1]);
-  struct pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-  std::string *sinks[2] = {&r.out, &r.err};
-  for (int open_fds = 2; open_fds > 0;) {
-    if (poll(fds, 2, -1) < 0 && errno != EINTR) break;
-    for (int i = 0; i < 2; i++) {
-      if (fds[i].fd < 0 || fds[i].revents == 0) continue;
-      char buf[4096];
-      ssize_t n = read(fds[i].fd, buf, sizeof buf);
-      if (n > 0) {
-        sinks[i]->append(buf, (size_t)n);
-      } else {
-        close(fds[i].fd);
-        fds[i].fd = -1;
-        open_fds--;
-      }
-    }
-  }
-  for (struct pollfd &p : fds)
-    if (p.fd >= 0) close(p.fd);
   int status = 0;
   if (pid > 0 && waitpid(pid, &status, 0) == pid)
     r.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  std::string *sinks[2] = {&r.out, &r.err};
+  for (int i = 0; i < 2; i++) {
+    char buf[4096];
+    ssize_t n;
+    for (off_t at = 0; fds[i] >= 0 && (n = pread(fds[i], buf, sizeof buf, at)) > 0; at += n)
+      sinks[i]->append(buf, (size_t)n);
+    if (fds[i] >= 0) close(fds[i]);
+  }
   return r;
 }
