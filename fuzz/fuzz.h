@@ -53,13 +53,15 @@ inline void fuzz_bind(const char *from, const char *to) {
 inline void fuzz_sandbox(void) {
   // A source or build tree under /tmp (a CI clone) holds the seeds and the
   // corpus: kept open now, bound back at its path once /tmp is new.
+  // Opened inside the new namespace: a mount of another namespace cannot be
+  // bound here.
+  if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) fuzz_die("unshare (run as root)");
+  if (mount(NULL, "/", NULL, MS_REC | MS_PRIVATE, NULL) != 0) fuzz_die("make / private");
   const char *trees[] = {MOX_SOURCE_DIR, MOX_BINARY_DIR};
   int tree_fds[2] = {-1, -1};
   for (int i = 0; i < 2; i++)
     if (strncmp(trees[i], "/tmp/", 5) == 0)
       tree_fds[i] = open(trees[i], O_PATH | O_DIRECTORY | O_CLOEXEC);
-  if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) fuzz_die("unshare (run as root)");
-  if (mount(NULL, "/", NULL, MS_REC | MS_PRIVATE, NULL) != 0) fuzz_die("make / private");
   // The devices are staged on a scratch /tmp, since /dev is about to be hidden.
   const char *devices[] = {"null", "zero", "urandom"};
   if (mount("none", "/tmp", "tmpfs", 0, "mode=1777") != 0) fuzz_die("tmpfs on /tmp");
