@@ -12,11 +12,18 @@
 
 #define SECTION_FRAME_SIZE 6   // "={\n" and "\n}\n" around a value
 
-int stored_length(void) {
+// Reads the whole store into a buffer of its own; sec_read_conf's result,
+// with the text's length in *length.
+static int read_store(int *length) {
   static char text[VALUE_BUFFER_SIZE];  // a store's worth: not on the stack
   memset(text, 0, sizeof text);
-  int length = STORED_TEXT_SIZE;
-  if (sec_read_conf(text, &length) != 0 || length < 0) {
+  *length = STORED_TEXT_SIZE;
+  return sec_read_conf(text, length);
+}
+
+int stored_length(void) {
+  int length = 0;
+  if (read_store(&length) != 0 || length < 0) {
     failure(EXIT_REFUSED,
             "the stored parameters do not read (%s); nothing was changed. "
             "\"mox_conf store reset\" keeps the store aside and starts an empty one",
@@ -51,10 +58,8 @@ int store_did_not_take(void) {
 }
 
 int cmd_store_check(void) {
-  static char text[VALUE_BUFFER_SIZE];
-  memset(text, 0, sizeof text);
-  int length = STORED_TEXT_SIZE;
-  if (sec_read_conf(text, &length) != 0)
+  int length = 0;
+  if (read_store(&length) != 0)
     return failure(EXIT_REFUSED,
                    "%s does not read: %s. \"mox_conf store reset\" keeps it as %s and starts "
                    "an empty store",
@@ -67,10 +72,8 @@ int cmd_store_check(void) {
 }
 
 int cmd_store_reset(void) {
-  static char text[VALUE_BUFFER_SIZE];
-  memset(text, 0, sizeof text);
-  int length = STORED_TEXT_SIZE;
-  if (sec_read_conf(text, &length) == 0)
+  int length = 0;
+  if (read_store(&length) == 0)
     return failure(EXIT_REFUSED, "%s reads: nothing to reset (delete sections instead)",
                    STORE_PATH);
   // An earlier damaged store is someone's only copy too: never overwritten.

@@ -144,7 +144,11 @@ int overwrite_file(const char *path, const char *data, size_t size, mode_t mode)
       done += static_cast<size_t>(w);
     }
   }
-  if (rc == 0 && ftruncate(fd, static_cast<off_t>(size)) != 0) rc = -1;
+  // Only a shorter text leaves old bytes behind: the count file, rewritten
+  // for every attack, mostly grows and is spared the call.
+  if (rc == 0 && st.st_size > static_cast<off_t>(size) &&
+      ftruncate(fd, static_cast<off_t>(size)) != 0)
+    rc = -1;
   int saved = errno;
   close(fd);
   errno = saved;
