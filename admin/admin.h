@@ -96,3 +96,10 @@ int cmd_generate(const char *which);
 // folder. Exit status.
 int cmd_release_verify(const char *file);
 int cmd_release_install(const char *file);
+
+// ---- the daemon's status (status.cpp) ----------------------------------------------
+
+// "status": prints the daemon's status file readably. 0 when the daemon
+// runs (its lock is held by the pid the file names); 1 when it does not,
+// or when there is no status to read.
+int cmd_status(void);

@@ -23,6 +23,7 @@
 
 #include "admin/admin.h"
 #include "logging/logging.h"
+#include "shipping/shipping.h"
 
 #define MOX_DIR "/tmp/mox"
 #define MOX_CONF_LOCK_PATH "/tmp/mox/mox_conf.lock"
@@ -39,7 +40,8 @@ static const char usage_text[] =
     "       mox_conf generate nginx|qsp|all\n"
     "       mox_conf store check|reset\n"
     "       mox_conf release verify|install [FILE]\n"
-    "       mox_conf --help\n"
+    "       mox_conf status\n"
+    "       mox_conf --help | --version\n"
     "\n"
     "Edits the stored parameters and generates the proxy's files from them.\n"
     "SECTION is one of: proxy logserver logatserver randtime syslog fixed_key cluster_key\n"
@@ -70,6 +72,8 @@ static const char usage_text[] =
     "  release verify    check the release package carried by this program, or FILE\n"
     "  release install   verify it and unpack it into /tmp/mox/release, replacing\n"
     "                    the folder as a whole (generated files are kept)\n"
+    "  status            what mox_logd has done since it started (its status file,\n"
+    "                    rewritten every period); exit 1 when it does not run\n"
     "\n"
     "Websites and keys take effect only after \"mox_conf generate\" and a reload\n"
     "of nginx: set, delete and proxy add/remove never regenerate by themselves.\n"
@@ -113,7 +117,7 @@ static int take_lock(void) {
 
 enum Command {
   CMD_GET, CMD_SET, CMD_DELETE, CMD_LIST, CMD_ADD, CMD_REMOVE, CMD_GENERATE,
-  CMD_STORE_CHECK, CMD_STORE_RESET, CMD_RELEASE_VERIFY, CMD_RELEASE_INSTALL,
+  CMD_STORE_CHECK, CMD_STORE_RESET, CMD_RELEASE_VERIFY, CMD_RELEASE_INSTALL, CMD_STATUS,
 };
 
 struct Verb {
@@ -139,6 +143,7 @@ static const Verb verbs[] = {
     {"store", "reset", 1, 1, CMD_STORE_RESET, NULL},
     {"release", "verify", 1, 2, CMD_RELEASE_VERIFY, "mox_conf release verify|install [FILE]"},
     {"release", "install", 1, 2, CMD_RELEASE_INSTALL, NULL},
+    {"status", NULL, 0, 0, CMD_STATUS, "mox_conf status"},
 };
 #define VERB_COUNT (sizeof verbs / sizeof verbs[0])
 
@@ -166,8 +171,15 @@ int main(int argc, char **argv) {
     fputs(usage_text, stdout);
     return fflush(stdout) == 0 ? 0 : EXIT_REFUSED;
   }
+  if (strcmp(argv[1], "--version") == 0 || strcmp(argv[1], "-V") == 0) {
+    printf("mox_conf %s\n", get_firmware_version());
+    return fflush(stdout) == 0 ? 0 : EXIT_REFUSED;
+  }
   Command cmd = CMD_GET;
   if (parse_command(argc, argv, &cmd) != 0) return EXIT_USAGE;
+  // Reads one file and takes nothing: no lock, and it works while another
+  // mox_conf holds the tool's lock.
+  if (cmd == CMD_STATUS) return cmd_status();
 
   // Everything that can be refused without the store is refused here.
   const Section *s = NULL;
@@ -198,6 +210,7 @@ int main(int argc, char **argv) {
     case CMD_STORE_RESET: return cmd_store_reset();
     case CMD_RELEASE_VERIFY: return cmd_release_verify(file);
     case CMD_RELEASE_INSTALL: return cmd_release_install(file);
+    case CMD_STATUS: break;  // answered above, without the lock
   }
   return EXIT_USAGE;
 }

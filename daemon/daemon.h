@@ -5,7 +5,8 @@
 #include <signal.h>
 #include <stdint.h>
 
-#define LOCK_PATH "/tmp/mox/lock_writer.dat"
+#define MOX_TMP_DIR "/tmp/mox"
+#define LOCK_PATH MOX_TMP_DIR "/lock_writer.dat"
 #define ATTACK_SOCK_PATH "/tmp/mox/log/attack.sock"
 #define ACCESS_SOCK_PATH "/tmp/mox/log/access.sock"
 #define ZVLOG_PATH "/dev/zvlog"
@@ -32,6 +33,10 @@
 // Attack classes: 1..5, plus 100 when the source is inside the LAN; 0 none.
 typedef int32_t AttackClass;
 #define ATTACK_INTERNAL 100
+#define ATTACK_CLASSES 5
+
+#define STATUS_PATH "/tmp/mox/log/logd.status"
+#define STATUS_TEXT_SIZE 4096         // the whole status file, worst case well inside
 
 // The ten numbers read from the columns of an "ATTACK=I:" record.
 struct AttackRecord {
@@ -55,6 +60,23 @@ extern volatile sig_atomic_t reset_requested;
 // SIGTERM clears logd_running, SIGHUP sets reload_requested, SIGUSR2 sets
 // reset_requested; any other number changes nothing.
 void logd_signal_handler(int signo);
+
+// ---- status -------------------------------------------------------------------
+struct SenderStatus;
+
+// Counts one datagram read from the attack socket.
+void status_count_datagram(void);
+
+// Counts one attack record counted under attack_class (above 0).
+void status_count_attack(AttackClass attack_class);
+
+// Counts one router log line: written 1 when the device (or syslog) took
+// it, 0 when it was dropped.
+void status_count_router_line(int written);
+
+// Replaces STATUS_PATH as a whole with the daemon's counts since
+// started_ms (monotonic) and the sender's. 0, or -1 (logged).
+int write_status_file(const SenderStatus *sender, int64_t started_ms);
 
 // Unix datagram socket bound to path (mode 0666, so the proxy's workers can
 // send). A stale socket file is replaced; a live one means another instance

@@ -116,6 +116,7 @@ AttackClass classify_attack(const char *attack_text, int attack_length,
 void log_handler(const char *text, int count) {
   // Nothing was received; the caller has already logged the failure.
   if (!text || count < 0) return;
+  status_count_datagram();
   if (count > RECV_MAX) count = RECV_MAX;
   const char *mox = std::strstr(text, MOX_MARKER);
   if (!mox) return;
@@ -144,6 +145,7 @@ void log_handler(const char *text, int count) {
     count_day_attack(attack_class);
     count_hour_attack(attack_class);
     bump_attack_count();
+    status_count_attack(attack_class);
   }
   // "ATTACK=I:" in front of "mox:" leaves no header text.
   if (length < 0) length = 0;

@@ -4,6 +4,7 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -25,6 +26,18 @@ void watch(fd_set *set, int fd) {
 
 int ready(const fd_set *set, int fd) { return fd > 0 && fd < FD_SETSIZE && FD_ISSET(fd, set); }
 
+// Set once the lock step has returned. Before that the one exit is the lock
+// file's open failing, in the background where no one sees its message.
+int lock_step_done = 0;
+
+void start_failed(void) {
+  if (lock_step_done) return;
+  openlog(PROCESS_NAME, LOG_PID, LOG_DAEMON);
+  syslog(LOG_ERR, "cannot start: cannot open %s (is %s there and writable?)", LOCK_PATH,
+         MOX_TMP_DIR);
+  closelog();
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -34,12 +47,21 @@ int main(int argc, char **argv) {
   // folders among them) is writable by group or others.
   umask(022);
 
+  // The daemon always goes to the background first and its start-up fails
+  // there, unseen by whoever started it: say so here while the terminal
+  // (or the init system's journal) still listens, and to syslog later.
+  if (access(MOX_TMP_DIR, W_OK) != 0)
+    std::fprintf(stderr, "mox_logd: %s: %s: the daemon cannot take its lock and will exit\n",
+                 MOX_TMP_DIR, std::strerror(errno));
+  std::atexit(start_failed);
+
   if (daemon(0, 0) == -1) DLOG_ERROR("daemon error ... %s\n", std::strerror(errno));
 
   // Losing the lock leaves the task unnamed and the instance silent: the
   // live sockets below turn it away from the records, and its sender ships
   // nothing, so the running daemon's reports never go out twice.
   int holds_lock = lock_pid_file(LOCK_PATH) == 0;
+  lock_step_done = 1;
   if (holds_lock)
     set_process_name(PROCESS_NAME);
   else
@@ -77,6 +99,14 @@ int main(int argc, char **argv) {
   load_day_stat();
   load_hour_stat();
   load_attack_count();
+
+  // Only the instance that holds the lock speaks for the daemon.
+  int64_t started_ms = monotonic_ms();
+  SenderStatus status;
+  if (holds_lock) {
+    sender.status(&status);
+    write_status_file(&status, started_ms);
+  }
 
   // Drawn now for the report cycle's first day; renewed by the cycle.
   int report_hour = rand() % 3;
@@ -130,6 +160,10 @@ int main(int argc, char **argv) {
       roll_day_stat();
       roll_hour_stat();
       sender.timeout_tick();
+      if (holds_lock) {
+        sender.status(&status);
+        write_status_file(&status, started_ms);
+      }
       wait_time.tv_sec = sender.timeout_seconds();
       wait_time.tv_usec = 0;
       period_end_ms = monotonic_ms() + (int64_t)wait_time.tv_sec * 1000;

@@ -27,11 +27,13 @@ uint32_t dropped_lines = 0;
 // Counts a line the device did not take; the first of a run is logged with
 // its reason, the run's length once a line goes through again.
 void line_dropped(int err) {
+  status_count_router_line(0);
   if (dropped_lines++ == 0)
     DLOG_ERROR("router log line dropped: %s: %s", ZVLOG_PATH, std::strerror(err));
 }
 
 void line_taken() {
+  status_count_router_line(1);
   if (dropped_lines == 0) return;
   DLOG_ERROR("%u router log lines dropped: %s did not take them", dropped_lines, ZVLOG_PATH);
   dropped_lines = 0;
@@ -98,5 +100,6 @@ int write_router_log(char *line, int length) {
   openlog(ROUTER_LOG_IDENT, LOG_PID | LOG_CONS, 0);
   syslog(LOG_INFO, "%s", line);
   closelog();
+  status_count_router_line(1);
   return 0;
 }

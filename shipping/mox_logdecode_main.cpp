@@ -240,22 +240,37 @@ static void decode_input(FILE *file, const char *name) {
   free(r.buf);
 }
 
+#define USAGE "usage: " PROGRAM " [--stats] -k PRIVATE_KEY.pem [-k ANOTHER.pem] [FILE...]\n"
+
 static int usage(void) {
-  fprintf(stderr, "usage: " PROGRAM " [--stats] -k PRIVATE_KEY.pem [-k ANOTHER.pem] [FILE...]\n");
+  fputs(USAGE, stderr);
   return 2;
+}
+
+// --help and --version print to stdout and succeed; 1 when stdout fails.
+static int answer(const char *text) {
+  fputs(text, stdout);
+  return fflush(stdout) == 0 ? 0 : 1;
 }
 
 int main(int argc, char **argv) {
   char *pems[MAX_KEYS];
   memset(pems, 0, sizeof pems);
   static const struct option options[] = {{"stats", no_argument, NULL, 's'},
+                                           {"help", no_argument, NULL, 'h'},
+                                           {"version", no_argument, NULL, 'V'},
                                            {NULL, 0, NULL, 0}};
   int opt;
   int want_stats = 0;
-  while ((opt = getopt_long(argc, argv, "k:", options, NULL)) != -1) {
+  while ((opt = getopt_long(argc, argv, "k:hV", options, NULL)) != -1) {
     if (opt == 's') {
       want_stats = 1;
       continue;
+    }
+    if (opt == 'h') return answer(USAGE);
+    if (opt == 'V') {
+      printf(PROGRAM " %s\n", get_firmware_version());
+      return answer("");
     }
     if (opt != 'k') return usage();
     if (key_count == MAX_KEYS) {

@@ -168,6 +168,12 @@ RateLimitLogSender::RateLimitLogSender(const char *name, int flags)
       m_tokens_at_ms(monotonic_ms()),
       m_access_received(0),
       m_lost(),
+      m_access_shipped(0),
+      m_access_delivered(0),
+      m_access_failed(0),
+      m_report_delivered(0),
+      m_report_failed(0),
+      m_last_delivery(0),
       m_lost_logged(0),
       m_report(),
       m_report_state(REPORT_NONE),
@@ -376,15 +382,17 @@ int RateLimitLogSender::recv_access_log(int fd) {
   return bytes;
 }
 
-// Records in the spool's messages. Called with m_lock held.
-uint32_t RateLimitLogSender::spool_records() const {
-  uint32_t records = 0;
-  for (size_t at = 0; m_spool != nullptr && at < m_spool_len;) {
+// Records in the spool's messages, and with messages not null the count of
+// messages. Called with m_lock held.
+uint32_t RateLimitLogSender::spool_records(uint32_t *messages) const {
+  uint32_t records = 0, count = 0;
+  for (size_t at = 0; m_spool != nullptr && at < m_spool_len; count++) {
     uint32_t head[2] = {0, 0};
     std::memcpy(head, m_spool + at, SPOOL_ENTRY_HEAD);
     records += head[1];
     at += SPOOL_ENTRY_HEAD + head[0];
   }
+  if (messages != nullptr) *messages = count;
   return records;
 }
 
@@ -408,6 +416,33 @@ AccessLosses RateLimitLogSender::access_losses() {
 }
 
 uint32_t RateLimitLogSender::access_dropped() { return loss_total(access_losses()); }
+
+// "scheme://host:port", or "none" for no collector.
+static void target_text(const ShipTarget *t, char *out, size_t size) {
+  const char *scheme = t->transport == SHIP_TRANSPORT_RELP ? SHIP_SCHEME_RELP : SHIP_SCHEME_TCP;
+  int n = t->host[0] == '\0' ? std::snprintf(out, size, "none")
+                              : std::snprintf(out, size, "%s%s:%d", scheme, t->host, (int)t->port);
+  if (n < 0 || (size_t)n >= size) std::snprintf(out, size, "?");
+}
+
+void RateLimitLogSender::status(SenderStatus *out) {
+  std::memset(out, 0, sizeof *out);
+  out->access_received = m_access_received;
+  pthread_mutex_lock(&m_lock);
+  out->shipping = (m_flags & SENDER_NO_SHIPPING) ? -1 : m_access_target.host[0] != '\0';
+  out->access_shipped = m_access_shipped;
+  out->lost = m_lost;
+  target_text(&m_access_target, out->access_collector, sizeof out->access_collector);
+  out->access_delivered = m_access_delivered;
+  out->access_failed = m_access_failed;
+  target_text(&m_attack_target, out->report_collector, sizeof out->report_collector);
+  out->report_delivered = m_report_delivered;
+  out->report_failed = m_report_failed;
+  out->spool_records = spool_records(&out->spool_messages);
+  out->spool_bytes = (uint32_t)m_spool_len;
+  out->last_delivery = m_last_delivery;
+  pthread_mutex_unlock(&m_lock);
+}
 
 int RateLimitLogSender::timeout_tick() {
   // A thread that could not be created is tried again once a period.
@@ -587,14 +622,17 @@ int RateLimitLogSender::ship_spool(const ShipTarget *target, RelpLink *relp) {
     // The front of the spool is the shipper's: the sealer only appends.
     const char *msgs[DELIVERY_BATCH_MESSAGES];
     size_t lens[DELIVERY_BATCH_MESSAGES];
+    uint32_t records[DELIVERY_BATCH_MESSAGES];
     int count = 0;
     size_t at = 0, bytes = 0;
     while (at < left && count < DELIVERY_BATCH_MESSAGES) {
-      uint32_t len = 0;
-      std::memcpy(&len, m_spool + at, sizeof len);
+      uint32_t head[2] = {0, 0};
+      std::memcpy(head, m_spool + at, SPOOL_ENTRY_HEAD);
+      uint32_t len = head[0];
       if (count > 0 && bytes + len > DELIVERY_BATCH_BYTES) break;
       msgs[count] = m_spool + at + SPOOL_ENTRY_HEAD;
       lens[count] = len;
+      records[count] = head[1];
       count++;
       bytes += len;
       at += SPOOL_ENTRY_HEAD + len;
@@ -604,15 +642,19 @@ int RateLimitLogSender::ship_spool(const ShipTarget *target, RelpLink *relp) {
       taken = relp != nullptr ? relp_link_send(relp, target, msgs, lens, count) : 0;
     else
       taken = send_to_syslog_server(target, msgs, lens, count) == 1 ? count : 0;
+    size_t done = taken > 0 ? (size_t)(msgs[taken - 1] - m_spool) + lens[taken - 1] : 0;
+    // Under the lock: the sealer must not append while the rest moves up.
+    pthread_mutex_lock(&m_lock);
     if (taken > 0) {
-      size_t done = (size_t)(msgs[taken - 1] - m_spool) + lens[taken - 1];
-      // Under the lock: the sealer must not append while the rest moves up.
-      pthread_mutex_lock(&m_lock);
       std::memmove(m_spool, m_spool + done, m_spool_len - done);
       m_spool_len -= done;
-      pthread_mutex_unlock(&m_lock);
-      left -= done;
+      m_last_delivery = (int64_t)clock_now();
     }
+    for (int i = 0; i < taken; i++) m_access_shipped += records[i];
+    m_access_delivered += (uint32_t)taken;
+    m_access_failed += (uint32_t)(count - taken);
+    pthread_mutex_unlock(&m_lock);
+    left -= done;
     if (taken < count) return -1;
   }
   return 0;
@@ -645,9 +687,15 @@ int RateLimitLogSender::send_encrypted_attack_log(const ShipTarget *target, Relp
   int ok = target->transport == SHIP_TRANSPORT_RELP
                ? (relp != nullptr && relp_link_send(relp, target, &msg, &len, 1) == 1)
                : send_to_syslog_server(target, &msg, &len, 1) == 1;
-  if (!ok) return -1;
-  m_report_msg_len = 0;
   pthread_mutex_lock(&m_lock);
+  if (!ok) {
+    m_report_failed++;
+    pthread_mutex_unlock(&m_lock);
+    return -1;
+  }
+  m_report_delivered++;
+  m_last_delivery = (int64_t)clock_now();
+  m_report_msg_len = 0;
   if (m_report_state == REPORT_OFFERED && std::strcmp(m_report, m_report_sealed_for) == 0)
     m_report_state = REPORT_DELIVERED;
   pthread_mutex_unlock(&m_lock);

@@ -293,6 +293,25 @@ struct AccessLosses {
   uint32_t unsealable;    // the block could not be compressed or sealed
 };
 
+// What the sender has done since the start, for the daemon's status file.
+#define SHIP_TARGET_TEXT_SIZE (sizeof "relp://" + SENDER_HOST_SIZE + sizeof ":65535")
+struct SenderStatus {
+  int32_t shipping;                      // 1 on, 0 no logserver, -1 this instance never ships
+  uint32_t access_received;              // datagrams read from the access socket
+  uint32_t access_shipped;               // records inside delivered messages
+  AccessLosses lost;
+  char access_collector[SHIP_TARGET_TEXT_SIZE];  // "scheme://host:port", or "none"
+  uint32_t access_delivered;             // messages the collector confirmed
+  uint32_t access_failed;                // messages tried and not confirmed (sent again later)
+  char report_collector[SHIP_TARGET_TEXT_SIZE];
+  uint32_t report_delivered;
+  uint32_t report_failed;
+  uint32_t spool_messages;               // sealed, waiting for the collector
+  uint32_t spool_records;
+  uint32_t spool_bytes;
+  int64_t last_delivery;                 // clock_now() of the last confirmation, 0 never
+};
+
 // The sender: the way records leave the appliance. main builds one on its
 // stack (it holds the access queue, so it is large) and keeps it for the
 // whole run. Every member below is called on the main loop's thread. Two
@@ -375,6 +394,8 @@ class RateLimitLogSender {
   uint32_t access_received() const { return m_access_received; }
   AccessLosses access_losses();
   uint32_t access_dropped();
+  // Fills out with the counts since start and what waits now.
+  void status(SenderStatus *out);
 
  private:
   struct Settings {
@@ -396,7 +417,7 @@ class RateLimitLogSender {
   int take_token();
   void apply_settings(const Settings &s);
   void take_queued_records();
-  uint32_t spool_records() const;
+  uint32_t spool_records(uint32_t *messages = nullptr) const;
   void seal_identity(SealMeta *meta, int seq_index);
   int seal_pending_block(const ShipTarget *access);
   int seal_records(const char *text, size_t len, uint32_t records);
@@ -444,6 +465,13 @@ class RateLimitLogSender {
 
   uint32_t m_access_received;
   AccessLosses m_lost;           // under m_lock
+  // Deliveries, for status: under m_lock.
+  uint32_t m_access_shipped;
+  uint32_t m_access_delivered;
+  uint32_t m_access_failed;
+  uint32_t m_report_delivered;
+  uint32_t m_report_failed;
+  int64_t m_last_delivery;
   uint32_t m_lost_logged;
 
   // The attack report in hand: offered by the loop, sealed and delivered by

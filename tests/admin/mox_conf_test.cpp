@@ -184,12 +184,15 @@ TEST_F(MoxConfTest, BadUsageExitsTwoAndHelpExitsZero) {
   std::vector<std::vector<std::string>> bad = {
       {}, {"frob"}, {"get"}, {"get", "logserver", "x"}, {"set", "logserver"}, {"delete"},
       {"proxy"}, {"proxy", "add"}, {"proxy", "list", "x"}, {"proxy", "drop", "x"},
-      {"generate"}, {"generate", "apache"}, {"--version"}};
+      {"generate"}, {"generate", "apache"}, {"--verbose"}, {"status", "now"}};
   for (const auto &args : bad) fails(2, args);
   RunResult help = mox_conf({"--help"});
   EXPECT_EQ(0, help.code);
   EXPECT_EQ(0u, help.out.find("usage: mox_conf get SECTION\n"));
   EXPECT_NE(std::string::npos, help.out.find("never regenerate"));
+  RunResult version = mox_conf({"--version"});
+  EXPECT_EQ(0, version.code);
+  EXPECT_EQ(0u, version.out.find("mox_conf 1."));
   EXPECT_EQ("<missing>", slurp(kStore));
 }
 

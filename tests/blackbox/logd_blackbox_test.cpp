@@ -94,8 +94,12 @@ class LogdBlackbox : public BlackboxTest {
 TEST_F(LogdBlackbox, StartsHoldsLockAndSocketsAndStopsOnSigterm) {
   REQUIRE_SANDBOX();
   ASSERT_TRUE(write_rzpz(kFastRzpz));
-  // Without /tmp/mox the lock file cannot be made: status 1 before any socket.
-  ASSERT_TRUE(launch());
+  // Without /tmp/mox the lock file cannot be made: status 1 before any socket,
+  // said on the starter's terminal before the daemon leaves it.
+  RunResult starter = run_binary(sandbox_logd_path(), {"mox_logd"});
+  EXPECT_EQ(starter.code, 0);
+  EXPECT_NE(starter.err.find("mox_logd: /tmp/mox: No such file or directory"), std::string::npos)
+      << starter.err;
   int status = -1;
   pid_t ended = 0;
   EXPECT_TRUE(wait_for([&] { return (ended = waitpid(-1, &status, WNOHANG)) > 0; }, 10));
@@ -119,6 +123,10 @@ TEST_F(LogdBlackbox, StartsHoldsLockAndSocketsAndStopsOnSigterm) {
   ASSERT_NE(status, -1) << "daemon did not end on SIGTERM";
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
   EXPECT_TRUE(in_log("logd loop stop, pid=" + pid_text + "\n"));
+  // The status file outlives the daemon; the tool asks the lock whether it runs.
+  RunResult gone = run_binary(sandbox_conf_path(), {"mox_conf", "status"});
+  EXPECT_EQ(gone.code, 1);
+  EXPECT_NE(gone.out.find("NOT RUNNING (last pid " + pid_text + ")"), std::string::npos) << gone.out;
 }
 
 TEST_F(LogdBlackbox, ClassifiesAndCountsOutsideAndInsideSources) {
@@ -149,6 +157,19 @@ TEST_F(LogdBlackbox, ClassifiesAndCountsOutsideAndInsideSources) {
   EXPECT_EQ(count_of(router_, std::string(kOutsideLine) + '\0'), 8u);
   EXPECT_EQ(count_of(router_, std::string(kInsideLine) + '\0'), 5u);
   expect_flushed({5, 4, 3, 2, 2, 2});
+  // 21 datagrams, the barrier among them; classes by their base, 1..5.
+  const std::string counts =
+      "attack_received=21\nattack_counted=13\nattack_class_1=4\nattack_class_2=3\n"
+      "attack_class_3=2\nattack_class_4=2\nattack_class_5=2\nattack_internal=5\n"
+      "router_lines_written=14\nrouter_lines_failed=0\n";
+  EXPECT_TRUE(wait_for([&] { return read_file("/tmp/mox/log/logd.status").find(counts) !=
+                                    std::string::npos; }, 10))
+      << read_file("/tmp/mox/log/logd.status");
+  RunResult status = run_binary(sandbox_conf_path(), {"mox_conf", "status"});
+  EXPECT_EQ(status.code, 0) << status.err;
+  EXPECT_NE(status.out.find(": running, pid "), std::string::npos) << status.out;
+  EXPECT_NE(status.out.find("21 received, 13 counted (class 1: 4, 2: 3, 3: 2, 4: 2, 5: 2; from "
+                            "inside the LAN: 5)"), std::string::npos) << status.out;
 }
 
 TEST_F(LogdBlackbox, RouterLineGoesToZvlogOrElseToSyslog) {

@@ -421,6 +421,15 @@ TEST_F(ShippingE2E, AccessRecordsWaitForTheCollectorAndFollowReloads) {
   EXPECT_FALSE(in_log("access records dropped")) << state();
   std::string stats = decode(collected_file(up, "got"), true);
   EXPECT_EQ(count_of(stats, " missing=0\n"), count_of(stats, "\n")) << stats;
+  // The status says the same: all read, all shipped, tries that failed, none waiting.
+  std::string st;
+  EXPECT_TRUE(wait_for([&] {
+    st = read_file("/tmp/mox/log/logd.status");
+    return st.find("access_received=6100\naccess_shipped=6100\n") != std::string::npos &&
+           st.find("spool_messages=0\nspool_records=0\nspool_bytes=0\n") != std::string::npos;
+  }, 10)) << st;
+  EXPECT_EQ(st.find("access_messages_failed=0\n"), std::string::npos) << st;
+  EXPECT_EQ(st.find("last_delivery=0\n"), std::string::npos) << st;
 
   Collector *next = collector(0, Peer::kStore);
   ASSERT_NE(next, nullptr);
