@@ -88,8 +88,11 @@ static const char details[] =
     "{access_messages_failed} not confirmed\n"
     "report collector  {report_collector}: {report_messages_delivered} reports delivered, "
     "{report_messages_failed} not confirmed\n"
+    "TLS refusals      {tls_refused} (collectors whose certificate did not verify)\n"
     "spool             {spool_messages} messages waiting ({spool_records} records, {spool_bytes} "
-    "bytes)\n";
+    "bytes)\n"
+    "device            \"{device_id}\", signing key {device_key}\n"
+    "                  (a collector's keyring line: ed25519 {device_key} {device_id})\n";
 
 int cmd_status(void) {
   memset(status_text, 0, sizeof status_text);

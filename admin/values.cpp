@@ -71,14 +71,14 @@ static int check_setting(const Section *s, const char *value) {
     case PARSER_LOGSERVER:
       if (parse_collector(value, &target, &rate) != 0)
         return failure(EXIT_REFUSED,
-                       "logserver \"%s\" is not [tcp://|relp://]HOST:PORT [RATE] "
+                       "logserver \"%s\" is not [tcp://|tls://|relp://|relp+tls://]HOST:PORT [RATE] "
                        "(PORT 1..65535, RATE records a minute 1..%d, nothing after)",
                        value, SEND_INTERVAL_MAX);
       return 0;
     case PARSER_LOGATSERVER:
       if (parse_collector(value, &target, NULL) != 0)
         return failure(EXIT_REFUSED,
-                       "logatserver \"%s\" is not [tcp://|relp://]HOST:PORT "
+                       "logatserver \"%s\" is not [tcp://|tls://|relp://|relp+tls://]HOST:PORT "
                        "(PORT 1..65535, nothing after)", value);
       return 0;
     case PARSER_RANDTIME:

@@ -24,6 +24,7 @@ if(NOT MOX_RELEASE_VERIFY_KEY_PEM MATCHES "-----BEGIN PUBLIC KEY-----")
   message(FATAL_ERROR "MOX_RELEASE_VERIFY_KEY (${MOX_RELEASE_VERIFY_KEY}) holds no PEM public key")
 endif()
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${MOX_RELEASE_VERIFY_KEY}")
+mox_refuse_dev_key(MOX_RELEASE_VERIFY_KEY ${MOX_RELEASE_VERIFY_KEY} release_signing_public.pem)
 configure_file(${CMAKE_SOURCE_DIR}/store/release_keys.h.in
   ${CMAKE_BINARY_DIR}/generated/release_keys.h @ONLY)
 target_include_directories(mox_store PRIVATE ${CMAKE_BINARY_DIR}/generated)

@@ -76,11 +76,13 @@ int write_status_file(const SenderStatus *s, int64_t started_ms) {
              l.over_rate, l.queue_full, l.spool_full, l.shipping_off, l.too_long, l.unsealable);
   bad |= put(text, &len,
              "access_collector=%s\naccess_messages_delivered=%u\naccess_messages_failed=%u\n"
-             "report_collector=%s\nreport_messages_delivered=%u\nreport_messages_failed=%u\n",
+             "report_collector=%s\nreport_messages_delivered=%u\nreport_messages_failed=%u\n"
+             "tls_refused=%u\n",
              s->access_collector, s->access_delivered, s->access_failed, s->report_collector,
-             s->report_delivered, s->report_failed);
+             s->report_delivered, s->report_failed, s->tls_refused);
   bad |= put(text, &len, "spool_messages=%u\nspool_records=%u\nspool_bytes=%u\nlast_delivery=%lld\n",
              s->spool_messages, s->spool_records, s->spool_bytes, (long long)s->last_delivery);
+  bad |= put(text, &len, "device_id=%s\ndevice_key=%s\n", s->device, s->device_key);
   if (bad) {
     DLOG_ERROR("status too long for %d bytes, not written", STATUS_TEXT_SIZE);
     return -1;

@@ -25,6 +25,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     if (load_private_key_text((stem + "_private.pem").c_str(), &keys[i]) != 0) fuzz_die("key");
     publics[i] = fuzz_slurp((stem + "_public.pem").c_str());
   }
+  if (device_key_load(MOX_SOURCE_DIR "/keys/dev/device_key.pem") != 0) fuzz_die("device key");
   return 0;
 }
 
@@ -33,7 +34,7 @@ static int open_text(const char *text, size_t len, char *kind, SealMeta *meta, s
   unsigned char *plain = NULL;
   size_t plain_len = 0;
   int rc = open_sealed_message(text, len, keys, 2, kind, meta, &plain, &plain_len);
-  FUZZ_CHECK(rc == 0 ? plain != NULL && plain[plain_len] == '\0' : plain == NULL && rc >= -6);
+  FUZZ_CHECK(rc == 0 ? plain != NULL && plain[plain_len] == '\0' : plain == NULL && rc >= -7);
   if (plain != NULL) out->assign((const char *)plain, plain_len);
   free(plain);
   return rc;
@@ -72,5 +73,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   }
   FUZZ_CHECK(rc == 0 && kind == k && plain == std::string((const char *)payload, len));
   FUZZ_CHECK(meta.epoch == sent.epoch && meta.seq == sent.seq && !strcmp(meta.device, sent.device));
+  FUZZ_CHECK(meta.signed_by_key);
   return 0;
 }

@@ -28,6 +28,7 @@ const char *seal_error_text(int code) {
     case SEAL_NO_MEMORY: return "out of memory";
     case SEAL_KEY_FAILED: return "public key wrapping failed";
     case SEAL_CIPHER_FAILED: return "AES-GCM failed";
+    case SEAL_NOT_SIGNED: return "no device key to sign with";
     default: return "unknown error";
   }
 }
@@ -161,22 +162,32 @@ int seal_message(char kind, const char *pem, const SealMeta *meta, const unsigne
   size_t device_len = strnlen(meta->device, sizeof meta->device);
   if (device_len >= sizeof meta->device) return SEAL_BAD_ARGUMENT;
 
-  // The identity travels enciphered in front of the content: who sent it
-  // is nobody's business but the collector's.
-  size_t meta_len = 8 + 8 + 1 + device_len;
-  unsigned char *plain = (unsigned char *)malloc(meta_len + len + 1);
+  // The identity and the signing key travel enciphered in front of the
+  // content, the signature behind it: who sent it is nobody's business but
+  // the collector's. The kind letter goes in front of what is signed, so a
+  // signed plaintext cannot pass for the other kind.
+  size_t meta_len = 8 + 8 + 1 + device_len + SHIP_SIGN_KEY_SIZE;
+  unsigned char *signed_text = (unsigned char *)malloc(1 + meta_len + len + SHIP_SIGNATURE_SIZE);
   unsigned char *bin = (unsigned char *)malloc(SHIP_SEALED_MAX(len));
-  if (bin == NULL || plain == NULL) {
+  if (bin == NULL || signed_text == NULL) {
     free(bin);
-    free(plain);
+    free(signed_text);
     return SEAL_NO_MEMORY;
   }
+  signed_text[0] = (unsigned char)kind;
+  unsigned char *plain = signed_text + 1;
   put_be64(plain, meta->epoch);
   put_be64(plain + 8, meta->seq);
   plain[16] = (unsigned char)device_len;
   memcpy(plain + 17, meta->device, device_len);
   if (len > 0) memcpy(plain + meta_len, payload, len);
-  size_t plain_len = meta_len + len;
+  if (device_key_public(plain + 17 + device_len) != 0 ||
+      device_key_sign(signed_text, 1 + meta_len + len, plain + meta_len + len) != 0) {
+    free(bin);
+    free(signed_text);
+    return SEAL_NOT_SIGNED;
+  }
+  size_t plain_len = meta_len + len + SHIP_SIGNATURE_SIZE;
 
   unsigned char key[SHIP_AES_KEY_SIZE];
   memset(key, 0, sizeof key);
@@ -213,7 +224,7 @@ int seal_message(char kind, const char *pem, const SealMeta *meta, const unsigne
   }
   OPENSSL_cleanse(key, sizeof key);
   free(bin);
-  free(plain);
+  free(signed_text);
   if (result < 0) {
     out[0] = '\0';
     ERR_clear_error();

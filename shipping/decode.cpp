@@ -20,12 +20,13 @@
 
 const char *open_error_text(int code) {
   switch (code) {
-    case OPEN_NO_MARKER: return "no MOX2 (or MOX1) message";
+    case OPEN_NO_MARKER: return "no MOX3 (or MOX2, MOX1) message";
     case OPEN_MALFORMED: return "malformed message";
     case OPEN_NO_KEY: return "no key opens the message";
     case OPEN_TAMPERED: return "message fails its authentication tag";
     case OPEN_BAD_BLOCK: return "access block does not decompress";
     case OPEN_NO_MEMORY: return "out of memory";
+    case OPEN_BAD_SIGNATURE: return "device signature does not verify";
     default: return "unknown error";
   }
 }
@@ -159,8 +160,11 @@ static int open_binary(int version, char kind, const unsigned char *bin, size_t 
   if (at + SHIP_TAG_SIZE > len) return OPEN_MALFORMED;
   size_t ct_len = len - at - SHIP_TAG_SIZE;
 
-  unsigned char *opened = (unsigned char *)malloc(ct_len + 1);
-  if (opened == NULL) return OPEN_NO_MEMORY;
+  // One byte in front for the kind letter, which the signature covers.
+  unsigned char *signed_text = (unsigned char *)malloc(ct_len + 2);
+  if (signed_text == NULL) return OPEN_NO_MEMORY;
+  signed_text[0] = (unsigned char)kind;
+  unsigned char *opened = signed_text + 1;
   int result = OPEN_NO_KEY;
   for (int i = 0; i < key_count && result != 0; i++) {
     unsigned char key[SHIP_AES_KEY_SIZE];
@@ -171,31 +175,44 @@ static int open_binary(int version, char kind, const unsigned char *bin, size_t 
     OPENSSL_cleanse(key, sizeof key);
   }
   if (result != 0) {
-    free(opened);
+    free(signed_text);
     return result;
   }
-  // The sender's identity leads the content from the second layout on.
-  size_t meta_len = 0;
+  // The sender's identity leads the content from the second layout on; the
+  // third adds the signing key behind it and the signature at the end.
+  size_t meta_len = 0, tail_len = 0;
   SealMeta who;
   memset(&who, 0, sizeof who);
   if (version != SHIP_WIRE_VERSION_V1) {
     size_t device_len = ct_len >= 17 ? opened[16] : 0;
-    if (ct_len < 17 || device_len >= sizeof who.device || 17 + device_len > ct_len) {
-      free(opened);
+    size_t key_len = version == SHIP_WIRE_VERSION ? SHIP_SIGN_KEY_SIZE : 0;
+    tail_len = version == SHIP_WIRE_VERSION ? SHIP_SIGNATURE_SIZE : 0;
+    if (ct_len < 17 || device_len >= sizeof who.device ||
+        17 + device_len + key_len + tail_len > ct_len) {
+      free(signed_text);
       return OPEN_MALFORMED;
     }
     who.epoch = get_be64(opened);
     who.seq = get_be64(opened + 8);
     memcpy(who.device, opened + 17, device_len);
-    meta_len = 17 + device_len;
+    meta_len = 17 + device_len + key_len;
+    if (key_len > 0) {
+      memcpy(who.signer, opened + 17 + device_len, key_len);
+      if (!device_signature_ok(who.signer, signed_text, 1 + ct_len - tail_len,
+                               opened + ct_len - tail_len)) {
+        free(signed_text);
+        return OPEN_BAD_SIGNATURE;
+      }
+      who.signed_by_key = 1;
+    }
   }
   if (meta != NULL) *meta = who;
   const unsigned char *content = opened + meta_len;
-  size_t content_len = ct_len - meta_len;
+  size_t content_len = ct_len - meta_len - tail_len;
   if (kind == SHIP_KIND_ATTACK) {
-    memmove(opened, content, content_len);
-    opened[content_len] = '\0';
-    *plain = opened;
+    memmove(signed_text, content, content_len);
+    signed_text[content_len] = '\0';
+    *plain = signed_text;
     *plain_len = content_len;
     return 0;
   }
@@ -204,12 +221,12 @@ static int open_binary(int version, char kind, const unsigned char *bin, size_t 
   // it is refused, not followed.
   unsigned char *block = (unsigned char *)malloc((size_t)raw_len + 1);
   if (block == NULL) {
-    free(opened);
+    free(signed_text);
     return OPEN_NO_MEMORY;
   }
   uLongf got = raw_len;
   int z = uncompress(block, &got, content, (uLong)content_len);
-  free(opened);
+  free(signed_text);
   if (z != Z_OK || got != raw_len) {
     free(block);
     return OPEN_BAD_BLOCK;
@@ -241,17 +258,24 @@ int open_sealed_message(const char *text, size_t len, const char *const *keys, i
   *kind = '\0';
   if (meta != NULL) memset(meta, 0, sizeof *meta);
   if (text == NULL) return OPEN_NO_MARKER;
-  // The current marker, else the first layout's: old captures still open.
+  // The current marker, else an older layout's: old captures still open.
   // The last marker: a host name may end in one, the base64 never holds a
   // blank.
-  int version = SHIP_WIRE_VERSION;
-  const char *marker = last_marker(text, len, SHIP_MARKER);
-  if (marker == NULL) {
-    version = SHIP_WIRE_VERSION_V1;
-    marker = last_marker(text, len, SHIP_MARKER_V1);
+  static const struct {
+    const char *marker;
+    int version;
+  } layouts[] = {{SHIP_MARKER, SHIP_WIRE_VERSION},
+                 {SHIP_MARKER_V2, SHIP_WIRE_VERSION_V2},
+                 {SHIP_MARKER_V1, SHIP_WIRE_VERSION_V1}};
+  static_assert(sizeof SHIP_MARKER == sizeof SHIP_MARKER_V2 &&
+                    sizeof SHIP_MARKER == sizeof SHIP_MARKER_V1, "markers of one length");
+  int version = 0;
+  const char *marker = NULL;
+  for (size_t i = 0; i < sizeof layouts / sizeof layouts[0] && marker == NULL; i++) {
+    marker = last_marker(text, len, layouts[i].marker);
+    version = layouts[i].version;
   }
   if (marker == NULL) return OPEN_NO_MARKER;
-  static_assert(sizeof SHIP_MARKER == sizeof SHIP_MARKER_V1, "markers of one length");
   const char *p = marker + strlen(SHIP_MARKER);
   const char *end = text + len;
   if (end - p < 2 || (p[0] != SHIP_KIND_ATTACK && p[0] != SHIP_KIND_ACCESS) || p[1] != ' ')

@@ -1,19 +1,25 @@
 // mox_logdecode: the collector's reader of what mox_logd ships.
 //
-//   mox_logdecode [--stats] -k PRIVATE_KEY.pem [-k ANOTHER.pem] [FILE...]
+//   mox_logdecode [--stats] [--keyring FILE] -k PRIVATE_KEY.pem [-k ANOTHER.pem] [FILE...]
 //
 // Each input (standard input when no FILE, or "-") is either a file of
 // syslog lines as a receiver stored them, one message per line, or the raw
 // TCP stream of octet-counted frames; an input that opens with digits, a
-// blank and "<" is taken for the stream. Attack reports come out as one
-// JSON object per line, access blocks as their original records, in the
-// order received. A message seen before (the same device, epoch, kind and
-// sequence number: a resend after an unconfirmed delivery) is dropped
-// quietly. With --stats, standard error gets one line per device, epoch
-// and kind at the end: messages decoded, duplicates dropped, sequence
-// numbers missing. What cannot be opened is reported on standard error and
-// skipped. Exit status: 0 everything decoded, 1 something skipped, 2 bad
-// usage or a key that cannot be loaded.
+// blank and "<" is taken for the stream. Output is one JSON object per
+// line whatever a message holds: an attack report as the device wrote it
+// (refused unless it is one flat object of strings and numbers), each
+// access record as {"device":"...","record":"..."} with every control
+// byte escaped, in the order received. A message seen before in this run
+// (the same device, epoch, kind and sequence number: a resend after an
+// unconfirmed delivery) is dropped quietly. With --keyring, every message
+// must carry a valid signature by its device's pinned key (pinned on first
+// sight, or enrolled ahead in the file), and one an earlier run decoded is
+// reported as a replay. With --stats, standard error gets one line per
+// device, epoch and kind at the end: messages decoded, duplicates dropped,
+// replays refused, sequence numbers missing. What cannot be opened or is
+// refused is reported on standard error and skipped. Exit status: 0
+// everything decoded, 1 something skipped or refused (or the keyring not
+// written), 2 bad usage, or a key or keyring that cannot be loaded.
 #include <errno.h>
 #include <getopt.h>
 #include <inttypes.h>
@@ -37,6 +43,7 @@
 static const char *keys[MAX_KEYS];
 static int key_count;
 static int skipped;
+static int with_keyring;
 
 // What one sender's epoch sent of one kind. Sequence numbers start at 1,
 // so those below the highest seen and never seen are missing.
@@ -44,15 +51,19 @@ struct Stream {
   std::set<uint64_t> seen;
   unsigned long decoded = 0;
   unsigned long duplicates = 0;
+  unsigned long replays = 0;
 };
 static std::map<std::string, Stream> streams;  // by device, epoch and kind
+
+static Stream &stream_of(char kind, const SealMeta &meta) {
+  return streams[std::string(meta.device) + '\0' + std::to_string(meta.epoch) + '\0' + kind];
+}
 
 // 1 when meta names a message already decoded; records it otherwise.
 // First-layout messages carry no identity and are never taken for copies.
 static int seen_before(char kind, const SealMeta &meta) {
   if (meta.epoch == 0) return 0;
-  std::string key = std::string(meta.device) + '\0' + std::to_string(meta.epoch) + '\0' + kind;
-  Stream &s = streams[key];
+  Stream &s = stream_of(kind, meta);
   if (!s.seen.insert(meta.seq).second) {
     s.duplicates++;
     return 1;
@@ -79,10 +90,10 @@ static void print_stats(void) {
     unsigned long long missing = highest - (uint64_t)s.seen.size();
     fprintf(stderr,
             PROGRAM ": stats: device=%s epoch=%016" PRIx64 " kind=%c decoded=%lu "
-            "duplicates=%lu missing=%llu\n",
+            "duplicates=%lu replays=%lu missing=%llu\n",
             printable(key.substr(0, a).c_str()).c_str(),
             (uint64_t)std::stoull(key.substr(a + 1, b - a - 1)), key[b + 1], s.decoded,
-            s.duplicates, missing);
+            s.duplicates, s.replays, missing);
   }
 }
 
@@ -133,6 +144,81 @@ static void report(const char *name, const char *what, long index, const char *w
   skipped = 1;
 }
 
+// text, NUL bytes included, as the inside of a JSON string.
+static std::string escaped(const std::string &text) {
+  std::string out;
+  for (size_t at = 0;;) {
+    size_t nul = text.find('\0', at);
+    std::string piece = text.substr(at, nul == std::string::npos ? std::string::npos : nul - at);
+    std::string buf(6 * piece.size() + 1, '\0');
+    int n = json_escape(piece.c_str(), &buf[0], buf.size());
+    out.append(buf, 0, n > 0 ? (size_t)n : 0);
+    if (nul == std::string::npos) return out;
+    out += "\\u0000";
+    at = nul + 1;
+  }
+}
+
+// 1 when the len bytes are one JSON object of string and integer members,
+// as a device writes its report, with no raw control byte anywhere: then
+// it is one line of JSON as it stands.
+static int flat_object(const char *p, size_t len) {
+  const char *end = p + len;
+  auto string_at = [&](const char *q) -> const char * {
+    if (q >= end || *q++ != '"') return NULL;
+    for (; q < end && *q != '"'; q++) {
+      if ((unsigned char)*q < 0x20 || *q == 0x7f) return NULL;
+      if (*q == '\\' && (++q == end || !strchr("\"\\/bfnrtu", *q))) return NULL;
+    }
+    return q < end ? q + 1 : NULL;
+  };
+  if (len < 2 || *p != '{' || end[-1] != '}') return 0;
+  const char *q = p + 1;
+  if (q == end - 1) return 1;
+  for (;;) {
+    if ((q = string_at(q)) == NULL || q >= end || *q++ != ':') return 0;
+    if (q < end && *q == '"') {
+      if ((q = string_at(q)) == NULL) return 0;
+    } else {
+      const char *digits = q += (q < end && *q == '-');
+      while (q < end && *q >= '0' && *q <= '9') q++;
+      if (q == digits) return 0;
+    }
+    if (q == end - 1) return 1;
+    if (*q++ != ',') return 0;
+  }
+}
+
+// The keyring's word on an opened message; 0 to go on, -1 refused (reported).
+static int judge(const char *name, const char *what, long index, char kind, const SealMeta &meta) {
+  char pinned[SHIP_KEY_HEX_SIZE], signer[SHIP_KEY_HEX_SIZE], why[512];
+  key_hex(meta.signer, signer);
+  int verdict = keyring_check(kind, &meta, pinned);
+  const char *device = meta.device;
+  int n = 0;
+  switch (verdict) {
+    case KEYRING_PINNED:
+      fprintf(stderr, PROGRAM ": pinned device \"%s\" to key %s\n", escaped(device).c_str(), signer);
+      return 0;
+    case KEYRING_ACCEPT: return 0;
+    case KEYRING_UNSIGNED:
+      n = snprintf(why, sizeof why, "unsigned message (older layout): refused with a keyring");
+      break;
+    case KEYRING_KEY_CHANGED:
+      n = snprintf(why, sizeof why, "device \"%s\" signed by key %s, not its pinned key %s: refused",
+                   escaped(device).c_str(), signer, pinned);
+      break;
+    default:
+      stream_of(kind, meta).replays++;
+      n = snprintf(why, sizeof why, "replay: device \"%s\" epoch %016" PRIx64 " kind %c sequence %" PRIu64
+                   " was decoded by an earlier run: refused", escaped(device).c_str(), meta.epoch, kind,
+                   meta.seq);
+      break;
+  }
+  report(name, what, index, n > 0 ? why : "refused");
+  return -1;
+}
+
 static void decode_one(const char *name, const char *what, long index, const char *text,
                        size_t len) {
   char kind = 0;
@@ -144,13 +230,26 @@ static void decode_one(const char *name, const char *what, long index, const cha
     report(name, what, index, open_error_text(rc));
     return;
   }
-  if (seen_before(kind, meta)) {
+  if ((with_keyring && judge(name, what, index, kind, meta) != 0) || seen_before(kind, meta)) {
     free(plain);
     return;
   }
-  fwrite(plain, 1, plain_len, stdout);
-  if (kind == SHIP_KIND_ATTACK || (plain_len > 0 && plain[plain_len - 1] != '\n'))
+  const char *p = (const char *)plain;
+  if (kind == SHIP_KIND_ATTACK && !flat_object(p, plain_len)) {
+    report(name, what, index, "report is not one flat JSON object: refused");
+  } else if (kind == SHIP_KIND_ATTACK) {
+    fwrite(p, 1, plain_len, stdout);
     fputc('\n', stdout);
+  } else {
+    std::string device = escaped(meta.device);
+    for (const char *end = p + plain_len; p < end;) {
+      const char *nl = (const char *)memchr(p, '\n', (size_t)(end - p));
+      size_t n = nl != NULL ? (size_t)(nl - p) : (size_t)(end - p);
+      printf("{\"device\":\"%s\",\"record\":\"%s\"}\n", device.c_str(),
+             escaped(std::string(p, n)).c_str());
+      p += n + (nl != NULL);
+    }
+  }
   fflush(stdout);
   free(plain);
 }
@@ -240,7 +339,8 @@ static void decode_input(FILE *file, const char *name) {
   free(r.buf);
 }
 
-#define USAGE "usage: " PROGRAM " [--stats] -k PRIVATE_KEY.pem [-k ANOTHER.pem] [FILE...]\n"
+#define USAGE \
+  "usage: " PROGRAM " [--stats] [--keyring FILE] -k PRIVATE_KEY.pem [-k ANOTHER.pem] [FILE...]\n"
 
 static int usage(void) {
   fputs(USAGE, stderr);
@@ -258,6 +358,7 @@ int main(int argc, char **argv) {
   memset(pems, 0, sizeof pems);
   static const struct option options[] = {{"stats", no_argument, NULL, 's'},
                                            {"help", no_argument, NULL, 'h'},
+                                           {"keyring", required_argument, NULL, 'K'},
                                            {"version", no_argument, NULL, 'V'},
                                            {NULL, 0, NULL, 0}};
   int opt;
@@ -268,6 +369,15 @@ int main(int argc, char **argv) {
       continue;
     }
     if (opt == 'h') return answer(USAGE);
+    if (opt == 'K') {
+      char why[512];
+      if (keyring_load(optarg, why, sizeof why) != 0) {
+        fprintf(stderr, PROGRAM ": keyring %s\n", why);
+        return 2;
+      }
+      with_keyring = 1;
+      continue;
+    }
     if (opt == 'V') {
       printf(PROGRAM " %s\n", get_firmware_version());
       return answer("");
@@ -306,6 +416,11 @@ int main(int argc, char **argv) {
   }
   if (fflush(stdout) != 0) skipped = 1;
   if (want_stats) print_stats();
+  char why[512];
+  if (with_keyring && keyring_save(why, sizeof why) != 0) {
+    fprintf(stderr, PROGRAM ": keyring %s\n", why);
+    skipped = 1;
+  }
   for (int i = 0; i < key_count; i++) free(pems[i]);
   return skipped ? 1 : 0;
 }

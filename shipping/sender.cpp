@@ -97,13 +97,13 @@ int RateLimitLogSender::load_settings(Settings *s) {
   // Each refusal names the value, so that the operator knows which to mend.
   stored_value(PARSER_LOGSERVER, value);
   if (value[0] && parse_collector(value, &s->access, &s->send_interval) != 0) {
-    DLOG_ERROR("stored logserver \"%s\" is not [tcp://|relp://]HOST:PORT [RATE]", value);
+    DLOG_ERROR("stored logserver \"%s\" is not " SHIP_COLLECTOR_FORM " [RATE]", value);
     return -1;
   }
   stored_value(PARSER_LOGATSERVER, value);
   if (value[0]) {
     if (parse_collector(value, &s->attack, nullptr) != 0) {
-      DLOG_ERROR("stored logatserver \"%s\" is not [tcp://|relp://]HOST:PORT", value);
+      DLOG_ERROR("stored logatserver \"%s\" is not " SHIP_COLLECTOR_FORM, value);
       return -1;
     }
   } else {
@@ -173,6 +173,7 @@ RateLimitLogSender::RateLimitLogSender(const char *name, int flags)
       m_access_failed(0),
       m_report_delivered(0),
       m_report_failed(0),
+      m_tls_refused(0),
       m_last_delivery(0),
       m_lost_logged(0),
       m_report(),
@@ -213,6 +214,10 @@ RateLimitLogSender::RateLimitLogSender(const char *name, int flags)
   if (m_epoch == 0) m_epoch = (uint64_t)monotonic_ms() << 16 ^ (uint64_t)getpid() ^ 1;
 
   if (!(m_flags & SENDER_NO_SHIPPING)) {
+    // Before the threads: they only read the key. Without it nothing can be
+    // sealed, and records are counted as unsealable.
+    if (make_store_dir() != 0) DLOG_ERROR("cannot create %s: %s", STORE_DIR, std::strerror(errno));
+    device_key_load(SHIP_DEVICE_KEY_PATH);
     m_seal_wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     m_ship_wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (m_seal_wake_fd < 0 || m_ship_wake_fd < 0)
@@ -419,9 +424,10 @@ uint32_t RateLimitLogSender::access_dropped() { return loss_total(access_losses(
 
 // "scheme://host:port", or "none" for no collector.
 static void target_text(const ShipTarget *t, char *out, size_t size) {
-  const char *scheme = t->transport == SHIP_TRANSPORT_RELP ? SHIP_SCHEME_RELP : SHIP_SCHEME_TCP;
-  int n = t->host[0] == '\0' ? std::snprintf(out, size, "none")
-                              : std::snprintf(out, size, "%s%s:%d", scheme, t->host, (int)t->port);
+  int n = t->host[0] == '\0'
+              ? std::snprintf(out, size, "none")
+              : std::snprintf(out, size, "%s%s:%d", ship_scheme(t->transport), t->host,
+                              (int)t->port);
   if (n < 0 || (size_t)n >= size) std::snprintf(out, size, "?");
 }
 
@@ -438,10 +444,17 @@ void RateLimitLogSender::status(SenderStatus *out) {
   target_text(&m_attack_target, out->report_collector, sizeof out->report_collector);
   out->report_delivered = m_report_delivered;
   out->report_failed = m_report_failed;
+  out->tls_refused = m_tls_refused;
   out->spool_records = spool_records(&out->spool_messages);
   out->spool_bytes = (uint32_t)m_spool_len;
   out->last_delivery = m_last_delivery;
+  std::memcpy(out->device, m_device, sizeof out->device);
   pthread_mutex_unlock(&m_lock);
+  unsigned char key[SHIP_SIGN_KEY_SIZE];
+  if (device_key_public(key) == 0)
+    key_hex(key, out->device_key);
+  else
+    std::memcpy(out->device_key, "none", sizeof "none");
 }
 
 int RateLimitLogSender::timeout_tick() {
@@ -608,6 +621,17 @@ int RateLimitLogSender::seal_pending_block(const ShipTarget *access) {
   return rc;
 }
 
+// Hands count messages to target's transport (relp on the kept link). The
+// number of leading messages delivered (tcp and tls: all or none), or
+// SHIP_REFUSED when the collector's certificate did not verify.
+static int deliver(const ShipTarget *target, RelpLink *relp, const char *const *msgs,
+                   const size_t *lens, int count) {
+  if (ship_over_relp(target))
+    return relp != nullptr ? relp_link_send(relp, target, msgs, lens, count) : 0;
+  int rc = send_to_syslog_server(target, msgs, lens, count);
+  return rc == 1 ? count : rc == SHIP_REFUSED ? SHIP_REFUSED : 0;
+}
+
 // Delivers the spool, oldest first, in batches of one connection (or one
 // burst on the kept RELP session). 0 once it is empty; -1 when a batch
 // failed, and what was not delivered stays.
@@ -637,11 +661,9 @@ int RateLimitLogSender::ship_spool(const ShipTarget *target, RelpLink *relp) {
       bytes += len;
       at += SPOOL_ENTRY_HEAD + len;
     }
-    int taken = 0;
-    if (target->transport == SHIP_TRANSPORT_RELP)
-      taken = relp != nullptr ? relp_link_send(relp, target, msgs, lens, count) : 0;
-    else
-      taken = send_to_syslog_server(target, msgs, lens, count) == 1 ? count : 0;
+    int taken = deliver(target, relp, msgs, lens, count);
+    int refused = taken == SHIP_REFUSED;
+    if (refused) taken = 0;
     size_t done = taken > 0 ? (size_t)(msgs[taken - 1] - m_spool) + lens[taken - 1] : 0;
     // Under the lock: the sealer must not append while the rest moves up.
     pthread_mutex_lock(&m_lock);
@@ -653,6 +675,7 @@ int RateLimitLogSender::ship_spool(const ShipTarget *target, RelpLink *relp) {
     for (int i = 0; i < taken; i++) m_access_shipped += records[i];
     m_access_delivered += (uint32_t)taken;
     m_access_failed += (uint32_t)(count - taken);
+    m_tls_refused += (uint32_t)refused;
     pthread_mutex_unlock(&m_lock);
     left -= done;
     if (taken < count) return -1;
@@ -684,12 +707,11 @@ int RateLimitLogSender::send_encrypted_attack_log(const ShipTarget *target, Relp
   }
   const char *msg = m_report_msg;
   size_t len = m_report_msg_len;
-  int ok = target->transport == SHIP_TRANSPORT_RELP
-               ? (relp != nullptr && relp_link_send(relp, target, &msg, &len, 1) == 1)
-               : send_to_syslog_server(target, &msg, &len, 1) == 1;
+  int taken = deliver(target, relp, &msg, &len, 1);
   pthread_mutex_lock(&m_lock);
-  if (!ok) {
+  if (taken != 1) {
     m_report_failed++;
+    m_tls_refused += taken == SHIP_REFUSED;
     pthread_mutex_unlock(&m_lock);
     return -1;
   }
@@ -794,11 +816,11 @@ void RateLimitLogSender::shipper_loop() {
       pthread_mutex_unlock(&m_lock);
       // A session no collector uses any more is closed now (waiting for its
       // acknowledgements), not left holding messages it will never resend.
-      if (access.transport != SHIP_TRANSPORT_RELP) {
+      if (!ship_over_relp(&access)) {
         relp_link_free(access_link);
         access_link = relp_link_new();
       }
-      if (attack.transport != SHIP_TRANSPORT_RELP || same_target(&attack, &access)) {
+      if (!ship_over_relp(&attack) || same_target(&attack, &access)) {
         relp_link_free(attack_link);
         attack_link = relp_link_new();
       }

@@ -11,6 +11,19 @@
 
 #define COLLECTOR_PORT_MAX 65535
 
+// Indexed by SHIP_TRANSPORT_.
+static const char *const schemes[] = {SHIP_SCHEME_TCP, SHIP_SCHEME_RELP, SHIP_SCHEME_TLS,
+                                      SHIP_SCHEME_RELP_TLS};
+#define SCHEME_COUNT (int32_t)(sizeof schemes / sizeof schemes[0])
+
+const char *ship_scheme(int32_t transport) {
+  return transport >= 0 && transport < SCHEME_COUNT ? schemes[transport] : "?://";
+}
+
+int ship_over_relp(const ShipTarget *target) {
+  return target->transport == SHIP_TRANSPORT_RELP || target->transport == SHIP_TRANSPORT_RELP_TLS;
+}
+
 int parse_collector(const char *text, ShipTarget *target, int32_t *rate) {
   if (text == NULL || target == NULL) return -1;
   ShipTarget t;
@@ -18,11 +31,12 @@ int parse_collector(const char *text, ShipTarget *target, int32_t *rate) {
   const char *p = text;
   while (*p == ' ' || *p == '\t') p++;
   t.transport = SHIP_TRANSPORT_TCP;
-  if (strncmp(p, SHIP_SCHEME_TCP, strlen(SHIP_SCHEME_TCP)) == 0) {
-    p += strlen(SHIP_SCHEME_TCP);
-  } else if (strncmp(p, SHIP_SCHEME_RELP, strlen(SHIP_SCHEME_RELP)) == 0) {
-    t.transport = SHIP_TRANSPORT_RELP;
-    p += strlen(SHIP_SCHEME_RELP);
+  for (int32_t i = 0; i < SCHEME_COUNT; i++) {
+    if (strncmp(p, schemes[i], strlen(schemes[i])) == 0) {
+      t.transport = i;
+      p += strlen(schemes[i]);
+      break;
+    }
   }
   size_t host_len = strcspn(p, ": \t\n/");
   if (host_len == 0 || host_len >= sizeof t.host || p[host_len] != ':') return -1;

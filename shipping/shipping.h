@@ -4,6 +4,7 @@
 #pragma once
 
 #include <pthread.h>
+#include <signal.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <time.h>
@@ -56,10 +57,16 @@
 
 #define SHIP_KIND_ATTACK 'A'
 #define SHIP_KIND_ACCESS 'L'
-#define SHIP_MARKER "MOX2 "            // starts the payload of every message
+#define SHIP_MARKER "MOX3 "            // starts the payload of every message
+#define SHIP_MARKER_V2 "MOX2 "         // the layout without signature, still read
 #define SHIP_MARKER_V1 "MOX1 "         // the layout without identity, still read
-#define SHIP_WIRE_VERSION 2            // first byte of the sealed binary
+#define SHIP_WIRE_VERSION 3            // first byte of the sealed binary
+#define SHIP_WIRE_VERSION_V2 2
 #define SHIP_WIRE_VERSION_V1 1
+#define SHIP_SIGN_KEY_SIZE 32          // an Ed25519 public key, raw
+#define SHIP_SIGNATURE_SIZE 64         // an Ed25519 signature
+#define SHIP_KEY_HEX_SIZE (2 * SHIP_SIGN_KEY_SIZE + 1)
+#define SHIP_DEVICE_KEY_PATH "/media/nand/mox_data/device_key.pem"
 #define SHIP_APP_NAME "mox_logd"
 #define SHIP_PRIORITY "<190>"          // local7.info
 
@@ -78,8 +85,9 @@
 #define SHIP_WRAPPED_KEY_MAX 512       // RSA keys up to 4096 bits
 // version, kind, key length, wrapped key, nonce, uncompressed length
 #define SHIP_HEADER_MAX (1 + 1 + 2 + SHIP_WRAPPED_KEY_MAX + SHIP_NONCE_SIZE + 4)
-// epoch, sequence, device id length, device id: enciphered before the content
-#define SHIP_META_MAX (8 + 8 + 1 + SHIP_DEVICE_ID_SIZE - 1)
+// epoch, sequence, device id length, device id, signing key before the
+// content, the signature behind it: all enciphered
+#define SHIP_META_MAX (8 + 8 + 1 + SHIP_DEVICE_ID_SIZE - 1 + SHIP_SIGN_KEY_SIZE + SHIP_SIGNATURE_SIZE)
 #define SHIP_SEALED_MAX(len) (SHIP_HEADER_MAX + SHIP_META_MAX + (len) + SHIP_TAG_SIZE)
 #define SHIP_BASE64_SIZE(n) (((n) + 2) / 3 * 4 + 1)
 #define SHIP_PLAIN_MAX (64u << 20)     // largest block sealed or opened
@@ -88,7 +96,7 @@
 #define SHIP_ATTACK_TEXT_SIZE SHIP_BASE64_SIZE(SHIP_SEALED_MAX(SHIP_ENVELOPE_SIZE))
 #define SHIP_ATTACK_MESSAGE_SIZE (SHIP_FRAME_HEAD_SIZE + SHIP_ATTACK_TEXT_SIZE)
 
-#define SHIP_CONNECT_TIMEOUT_MS 3000
+#define SHIP_CONNECT_TIMEOUT_MS 3000   // tls: the handshake after it, as long again
 #define SHIP_SEND_TIMEOUT_SEC 3
 #define SHIP_MESSAGE_MAX 8000          // longest access message: below a receiver's
                                       // usual 8 KiB limit, framing included
@@ -150,12 +158,41 @@ struct SealMeta {
   uint64_t epoch;                      // random, drawn at the sender's start
   uint64_t seq;                        // 1, 2, ... per kind within an epoch
   char device[SHIP_DEVICE_ID_SIZE];    // get_device_id's text
+  // Set by open_sealed_message: the key whose valid signature the message
+  // carries (signed 0 for a layout without signatures).
+  int32_t signed_by_key;
+  unsigned char signer[SHIP_SIGN_KEY_SIZE];
 };
+
+// ---- the device's signing key (device_key.cpp) --------------------------------
+//
+// Every message is signed inside its seal with the device's Ed25519 key, over
+// the kind letter and the whole plaintext (identity, the key itself and the
+// content), so that a collector can tell a device from anyone else holding
+// the public sealing keys.
+
+// Loads the key from path, making a new pair there (0600; the caller makes
+// the folder, one only root opens) when there is none; an unreadable key
+// file is kept aside as path.bad and replaced. Called before any seal, on
+// one thread. 0, or -1 (logged; messages then cannot be sealed).
+int device_key_load(const char *path);
+// The loaded key's public half, raw, into out (SHIP_SIGN_KEY_SIZE bytes).
+// 0, or -1 when none is loaded.
+int device_key_public(unsigned char *out);
+// Ed25519 signature of len bytes into signature (SHIP_SIGNATURE_SIZE). 0,
+// or -1 (no key loaded). Safe from any thread.
+int device_key_sign(const unsigned char *data, size_t len, unsigned char *signature);
+// 1 when signature is public_key's over the len bytes of data, else 0.
+int device_signature_ok(const unsigned char *public_key, const unsigned char *data, size_t len,
+                        const unsigned char *signature);
+// A raw key as lower-case hex into out (SHIP_KEY_HEX_SIZE bytes).
+void key_hex(const unsigned char *key, char *out);
 
 #define SEAL_BAD_ARGUMENT -1   // bad kind or key text, payload too large, out too small
 #define SEAL_NO_MEMORY -2
 #define SEAL_KEY_FAILED -3      // no random key, or the public key would not wrap it
 #define SEAL_CIPHER_FAILED -4
+#define SEAL_NOT_SIGNED -5       // no device key loaded, or the signature failed
 
 // Seals meta and len bytes as a message of the kind for the PEM public key
 // and writes its base64 text, terminated, into out. raw_len is recorded
@@ -189,15 +226,25 @@ int build_attack_message(const char *fragment, const SealMeta *meta, char *out, 
 // ---- collectors and transports ----------------------------------------------
 //
 // A stored collector value names its transport by an optional scheme:
-// "[tcp://|relp://]HOST:PORT". Without one it is tcp. Messages handed to a
-// transport are complete syslog messages ("<190>TIME HOST mox_logd: MOX2
-// K ..."), without framing.
+// "[tcp://|tls://|relp://|relp+tls://]HOST:PORT". Without one it is tcp.
+// Messages handed to a transport are complete syslog messages (as
+// format_syslog_message makes them), without framing. tls and relp+tls send
+// only to a collector whose certificate chains to SHIP_CA_FILE and names
+// HOST.
 
 #define SHIP_TRANSPORT_TCP 0
 #define SHIP_TRANSPORT_RELP 1
+#define SHIP_TRANSPORT_TLS 2           // octet-counted frames inside TLS (RFC 5425)
+#define SHIP_TRANSPORT_RELP_TLS 3      // RELP inside librelp's TLS
 #define SHIP_RELP_TIMEOUT_SEC 5        // a RELP answer (open, ack, close), at most
 #define SHIP_SCHEME_TCP "tcp://"
+#define SHIP_SCHEME_TLS "tls://"
 #define SHIP_SCHEME_RELP "relp://"
+#define SHIP_SCHEME_RELP_TLS "relp+tls://"
+#define SHIP_COLLECTOR_FORM "[tcp://|tls://|relp://|relp+tls://]HOST:PORT"
+#define SHIP_CA_FILE "/media/nand/mox_data/cert/collector_ca.pem"  // the one CA trusted
+#define SHIP_REFUSED -2                // a send's result: the collector's certificate
+                                       // did not verify (or no CA file): nothing sent
 
 // One collector.
 struct ShipTarget {
@@ -210,7 +257,7 @@ struct ShipTarget {
 // Used by the shipper alone: no lock guards it.
 struct RelpLink;
 
-// Parses "[tcp://|relp://]HOST:PORT", and with rate not null an optional
+// Parses SHIP_COLLECTOR_FORM, and with rate not null an optional
 // " RATE" (1..SEND_INTERVAL_MAX) behind it. HOST is a name or an IPv4
 // address without blanks or ':'. 0, with *rate left alone when absent; -1
 // when anything is out of range or left over.
@@ -223,17 +270,37 @@ int parse_collector(const char *text, ShipTarget *target, int32_t *rate);
 // by anything.
 int parse_report_hours(const char *text, int32_t *base, int32_t *span);
 
+// The scheme that names transport ("tcp://" ...).
+const char *ship_scheme(int32_t transport);
+
+// 1 when the transport is RELP's (relp or relp+tls): a RelpLink carries it.
+int ship_over_relp(const ShipTarget *target);
+
 // 1 when a and b name the same collector by the same transport.
 int same_target(const ShipTarget *a, const ShipTarget *b);
 
-// tcp: opens a connection to target (IPv4), sends the count messages as
-// octet-counted frames (RFC 6587), closes its sending side and waits for
-// the collector to read everything and close its side in order. Name
-// lookup, connect and each send wait at most a few seconds. 1 when the
-// collector confirmed every message so; -1 otherwise (logged), and none
+// tcp and tls: opens a connection to target (IPv4), for tls completes a
+// verified TLS session (TLS 1.2 at least, the certificate checked against
+// SHIP_CA_FILE and HOST), sends the count messages as octet-counted frames
+// (RFC 6587, RFC 5425), closes its sending side (tls: close_notify first)
+// and waits for the collector to read everything and end its side in
+// order. Name lookup, connect, the TLS handshake and each send wait at
+// most a few seconds. 1 when the collector confirmed every message so;
+// SHIP_REFUSED when its certificate did not verify or the CA file is
+// unusable; -1 otherwise. Failures are logged, and none of the messages
 // counts as delivered.
 int send_to_syslog_server(const ShipTarget *target, const char *const *msgs, const size_t *lens,
                           int count);
+
+// Blocks SIGPIPE on the calling thread while a library writes to a socket
+// without MSG_NOSIGNAL (librelp, OpenSSL), and takes off one that arose
+// meanwhile before restoring the mask: the disposition is the process's.
+struct PipeGuard {
+  sigset_t old;
+  int was_pending;
+};
+void pipe_hold(PipeGuard *g);
+void pipe_release(const PipeGuard *g);
 
 // A link without a session yet; null when out of memory.
 RelpLink *relp_link_new(void);
@@ -244,7 +311,8 @@ RelpLink *relp_link_new(void);
 // messages the receiver had not yet acknowledged. A target other than the
 // session's closes the old session first. The number of leading messages
 // the session took, 0..count; below count the failure is logged and the
-// caller keeps the rest for a later try.
+// caller keeps the rest for a later try. relp+tls verifies the receiver
+// as tls does; SHIP_REFUSED when it did not verify (nothing taken).
 int relp_link_send(RelpLink *link, const ShipTarget *target, const char *const *msgs,
                    const size_t *lens, int count);
 
@@ -261,6 +329,7 @@ void relp_link_free(RelpLink *link);
 #define OPEN_TAMPERED -4    // a key unwrapped it but the content fails its tag
 #define OPEN_BAD_BLOCK -5   // access block does not decompress to its length
 #define OPEN_NO_MEMORY -6
+#define OPEN_BAD_SIGNATURE -7  // it opened, but its signature does not verify
 
 // Reads a PEM private key file into a new heap text *pem (caller frees)
 // after checking that it loads. 0, or -1 (*pem null).
@@ -281,6 +350,24 @@ int open_sealed_message(const char *text, size_t len, const char *const *keys, i
 // A short text for an OPEN_ code.
 const char *open_error_text(int code);
 
+// ---- collector side: the keyring (keyring.cpp) ------------------------------------
+#define KEYRING_ACCEPT 0        // signed by the device's pinned key, new to the keyring
+#define KEYRING_PINNED 1        // the device's first signed message: its key is now pinned
+#define KEYRING_KEY_CHANGED -1  // signed by another key than the device's pinned one
+#define KEYRING_UNSIGNED -2     // a layout without signatures
+#define KEYRING_REPLAY -3       // its (device, epoch, kind, sequence) was decoded by an earlier run
+// Reads the keyring file at path (missing: empty). 0, or -1 with the
+// reason in why (why_size bytes).
+int keyring_load(const char *path, char *why, size_t why_size);
+// Judges an opened message against the keyring and records it (pins a new
+// device's key, marks the sequence number as decoded). A KEYRING_ code;
+// for KEYRING_KEY_CHANGED the pinned key's hex goes to pinned_hex
+// (SHIP_KEY_HEX_SIZE) when not null.
+int keyring_check(char kind, const SealMeta *meta, char *pinned_hex);
+// Rewrites the keyring file whole with what the run added. 0, or -1 with
+// the reason in why.
+int keyring_save(char *why, size_t why_size);
+
 // ---- the sender ---------------------------------------------------------------
 
 // Access records lost inside the daemon, by cause.
@@ -294,7 +381,7 @@ struct AccessLosses {
 };
 
 // What the sender has done since the start, for the daemon's status file.
-#define SHIP_TARGET_TEXT_SIZE (sizeof "relp://" + SENDER_HOST_SIZE + sizeof ":65535")
+#define SHIP_TARGET_TEXT_SIZE (sizeof SHIP_SCHEME_RELP_TLS + SENDER_HOST_SIZE + sizeof ":65535")
 struct SenderStatus {
   int32_t shipping;                      // 1 on, 0 no logserver, -1 this instance never ships
   uint32_t access_received;              // datagrams read from the access socket
@@ -306,10 +393,13 @@ struct SenderStatus {
   char report_collector[SHIP_TARGET_TEXT_SIZE];
   uint32_t report_delivered;
   uint32_t report_failed;
+  uint32_t tls_refused;                  // tries refused: the certificate did not verify
   uint32_t spool_messages;               // sealed, waiting for the collector
   uint32_t spool_records;
   uint32_t spool_bytes;
   int64_t last_delivery;                 // clock_now() of the last confirmation, 0 never
+  char device[SHIP_DEVICE_ID_SIZE];      // the identity sealed into messages ("" unknown yet)
+  char device_key[SHIP_KEY_HEX_SIZE];    // the signing key's public half, or "none"
 };
 
 // The sender: the way records leave the appliance. main builds one on its
@@ -323,9 +413,9 @@ struct SenderStatus {
 //
 // Settings come from the stored sections, read at construction and on
 // reload_config:
-//   logserver    "[tcp://|relp://]HOST:PORT [RATE]"  access collector, RATE
+//   logserver    "[SCHEME://]HOST:PORT [RATE]"  access collector, RATE
 //                records/minute (600, at most 2147483647)
-//   logatserver  "[tcp://|relp://]HOST:PORT"  attack report collector
+//   logatserver  "[SCHEME://]HOST:PORT"  attack report collector
 //                (logserver's when absent)
 //   randtime     "BASE SPAN"         report hour = BASE + draw % SPAN (0 3)
 // Without logserver nothing is shipped: attack reports stay with the report
@@ -471,6 +561,7 @@ class RateLimitLogSender {
   uint32_t m_access_failed;
   uint32_t m_report_delivered;
   uint32_t m_report_failed;
+  uint32_t m_tls_refused;
   int64_t m_last_delivery;
   uint32_t m_lost_logged;
 

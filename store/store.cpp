@@ -296,9 +296,7 @@ static int write_temp(const unsigned char *header, const unsigned char *text, si
   return rc;
 }
 
-// STORE_DIR and its parent, made when missing with modes that no umask
-// can open to others: the store's folder is root's alone.
-static int make_store_dir(void) {
+int make_store_dir(void) {
   static const char *const dirs[] = {STORE_PARENT_DIR, STORE_DIR};
   static const mode_t modes[] = {0755, 0700};
   for (size_t i = 0; i < sizeof dirs / sizeof dirs[0]; i++)

@@ -32,6 +32,11 @@ int sec_read_conf(char *buf, int *length);
 
 // Why the last read (by sec_read_conf or sec_write_conf) found the store
 // unreadable, as the log says it; "" when that read went through.
+// STORE_DIR and its parent, made when missing with modes that no umask
+// can open to others: the store's folder (and the device key in it) is
+// root's alone. 0, or -1 with errno set.
+int make_store_dir(void);
+
 const char *sec_conf_problem(void);
 
 // Replaces the stored text atomically: a power cut leaves the old or the

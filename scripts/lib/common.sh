@@ -2,7 +2,7 @@
 # tests need (when root), and builds one configuration.
 
 # Debian packages the build, the tests and the demo use.
-MOX_PACKAGES="cmake g++ make libgtest-dev libssl-dev zlib1g-dev iproute2 socat util-linux procps nginx rsyslog rsyslog-relp librelp-dev pkg-config clang-14 libclang-rt-14-dev strace systemd groff-base busybox"
+MOX_PACKAGES="cmake g++ make libgtest-dev libssl-dev openssl zlib1g-dev iproute2 socat util-linux procps nginx rsyslog rsyslog-relp rsyslog-openssl librelp-dev pkg-config clang-14 libclang-rt-14-dev strace systemd groff-base busybox"
 
 install_deps() {
   local missing=()

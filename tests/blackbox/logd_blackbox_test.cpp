@@ -315,12 +315,27 @@ TEST_F(LogdBlackbox, SecondInstanceIsRefusedAndARestartKeepsTheCounts) {
   expect_flushed({0, 1, 1, 1, 0, 1});
   int status = stop_daemon(first);
   ASSERT_TRUE(status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  // The signing key made at the first start is root's alone and outlives restarts.
+  const char kDeviceKey[] = "/media/nand/mox_data/device_key.pem";
+  struct stat st;
+  ASSERT_EQ(stat(kDeviceKey, &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  const std::string device_key = read_file(kDeviceKey);
+  auto key_line = [] {
+    std::string status = read_file("/tmp/mox/log/logd.status");
+    size_t at = status.find("device_key=");
+    return at == std::string::npos ? "" : status.substr(at, status.find('\n', at) - at);
+  };
+  const std::string first_key = key_line();
+  EXPECT_EQ(first_key.size(), sizeof "device_key=" - 1 + 64) << first_key;
 
   ASSERT_GT(start_daemon(), 0) << state();
   EXPECT_TRUE(send_attack(record(kClass2Flag)));
   ASSERT_TRUE(sync_daemon());
   EXPECT_EQ(read_file(kStatPath), "5\n");
   expect_flushed({0, 1, 2, 1, 0, 1});
+  EXPECT_EQ(read_file(kDeviceKey), device_key);
+  EXPECT_EQ(key_line(), first_key);
 }
 
 TEST_F(LogdBlackbox, BurstOf100000IsCountedInFull) {

@@ -61,12 +61,31 @@ int conf_set(const char *section, const std::string &value) {
 // What mox_logdecode makes of a file: report JSON lines and access records (lines it
 // cannot open are skipped; a stored line still being written counts at the next look), or
 // with stats its per-sender lines.
+// What mox_logdecode made of a stored file, each access record back as its own text (it
+// prints {"device":"...","record":"<escaped>"}); with stats, its stats lines instead.
 std::string decode(const std::string &path, bool stats = false) {
   std::vector<std::string> argv = {"mox_logdecode", "-k", MOX_SOURCE_DIR "/keys/dev/attack_private.pem",
                                    "-k", MOX_SOURCE_DIR "/keys/dev/access_private.pem", path};
   if (stats) argv.insert(argv.begin() + 1, "--stats");
   RunResult r = run_binary(sandbox_logdecode_path(), argv);
-  return stats ? r.err : r.out;
+  if (stats) return r.err;
+  std::string raw;
+  for (size_t at = 0, nl; at < r.out.size(); at = nl + 1) {
+    nl = std::min(r.out.find('\n', at), r.out.size());
+    std::string line = r.out.substr(at, nl - at);
+    size_t from = line.find("\",\"record\":\"");
+    if (line.rfind("{\"device\":", 0) != 0 || from == std::string::npos || line.size() < from + 14) {
+      raw += line + "\n";
+      continue;
+    }
+    for (size_t i = from + 12; i < line.size() - 2; i++) {
+      char c = line[i];
+      if (c == '\\' && (c = line[++i]) == 'u') c = (char)std::stoi(line.substr(i + 1, 4), nullptr, 16), i += 4;
+      raw += c;
+    }
+    raw += "\n";
+  }
+  return raw;
 }
 
 // A loopback TCP port free now; in the private namespace nobody else takes it.
@@ -173,15 +192,22 @@ class ShippingE2E : public BlackboxTest {
   }
 
   // rsyslogd in the foreground with imtcp (or imrelp) on a loopback port (a free one for 0),
-  // every message stored as received. Its port, or -1.
-  int start_rsyslog(const char *input = "imtcp", int port = 0) {
+  // every message stored as received; with cert, over OpenSSL's TLS with cert.pem and
+  // cert.key. Its port, or -1.
+  int start_rsyslog(const char *input = "imtcp", int port = 0, const std::string &cert = "") {
     if (port == 0) port = unused_port();
     std::string dir = kWork + "/rsyslog";
     rsyslog_file_ = dir + "/collected.log";
+    bool relp = std::string(input) == "imrelp";
+    std::string files = relp ? " tls=\"on\" tls.myCert=\"" + cert + ".pem\" tls.myPrivKey=\""
+                             : " streamDriver.certFile=\"" + cert + ".pem\" streamDriver.keyFile=\"";
     std::string conf =
         "global(workDirectory=\"" + dir + "\")\n"
-        "module(load=\"" + input + "\")\n"
-        "input(type=\"" + input + "\" address=\"127.0.0.1\" port=\"" + std::to_string(port) + "\")\n"
+        "module(load=\"" + input + "\"" +
+        (cert.empty() ? "" : relp ? " tls.tlsLib=\"openssl\"" : " streamDriver.name=\"ossl\" "
+                                    "streamDriver.mode=\"1\" streamDriver.authMode=\"anon\"") + ")\n"
+        "input(type=\"" + input + "\" address=\"127.0.0.1\" port=\"" + std::to_string(port) + "\"" +
+        (cert.empty() ? "" : files + cert + ".key\"") + ")\n"
         "template(name=\"raw\" type=\"string\" string=\"%rawmsg%\\n\")\n"
         "*.* action(type=\"omfile\" file=\"" + rsyslog_file_ + "\" template=\"raw\")\n";
     return start_server(dir, "rsyslogd", port, conf, {kRsyslogd, "-n", "-f", dir + "/rsyslogd.conf",
@@ -285,8 +311,8 @@ TEST_F(ShippingE2E, NginxAccessLogReachesRsyslogAndDecodes) {
   EXPECT_FALSE(in_log("access records dropped")) << state();
   // Every stored message came whole through rsyslog's default size limit.
   std::string stored = read_file(rsyslog_file_);
-  EXPECT_GT(count_of(stored, " mox_logd: MOX2 L "), 0u);
-  EXPECT_EQ(count_of(stored, "MOX2 A "), 0u);
+  EXPECT_GT(count_of(stored, " mox_logd: MOX3 L "), 0u);
+  EXPECT_EQ(count_of(stored, "MOX3 A "), 0u);
 }
 
 // The collector resets, then never accepts, then is down, then reads slowly: every finished
@@ -482,5 +508,73 @@ TEST_F(ShippingE2E, RelpCollectorGetsEveryRecordAcrossARestart) {
   EXPECT_EQ(count_of(stats, " missing=0\n"), count_of(stats, "\n")) << stats;
   EXPECT_FALSE(in_log("access records dropped")) << state();
 }
+
+// A TLS collector (rsyslog's imtcp with OpenSSL, or imrelp with librelp's TLS) gets nothing
+// until its certificate chains to the device's CA and names the address it is reached at;
+// each refused try is logged and counted, and what waited meanwhile then arrives once.
+class TlsShipping : public ShippingE2E,
+                    public ::testing::WithParamInterface<std::pair<const char *, const char *>> {};
+
+TEST_P(TlsShipping, OnlyAVerifiedCollectorGetsRecords) {
+  REQUIRE_SANDBOX();
+  const std::string input = GetParam().first, scheme = GetParam().second;
+  std::string module = input == "imrelp" ? "imrelp" : "lmnsd_ossl";
+  if (access(kRsyslogd, X_OK) != 0 ||
+      run_binary("/bin/sh", {"sh", "-c", "ls /usr/lib/*/rsyslog/" + module + ".so"}).code != 0)
+    GTEST_SKIP() << "rsyslogd or its " << module << " missing (scripts/test installs them)";
+  // Two CAs; the device trusts the first. "good" names 127.0.0.1 (as an address for OpenSSL,
+  // as a common name for librelp), "stranger" is the same from the other CA, "misnamed" is
+  // from the trusted CA for another name.
+  const std::string pki = kWork + "/pki";
+  ASSERT_EQ(run_binary("/bin/sh", {"sh", "-c",
+      "set -e; mkdir -p " + pki + " /media/nand/mox_data/cert; cd " + pki + "\n"
+      "key() { openssl req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 "
+      "-subj /CN=$2 -keyout $1.key $3 2>/dev/null; }\n"
+      "key ca ca -x509 >ca.pem; key other other -x509 >other.pem\n"
+      "leaf() { printf 'subjectAltName=%s\\n' $4 >$1.ext; key $1 $3 | openssl x509 -req -CA $2.pem "
+      "-CAkey $2.key -CAcreateserial -days 2 -extfile $1.ext -out $1.pem 2>/dev/null; }\n"
+      "leaf good ca 127.0.0.1 IP:127.0.0.1; leaf stranger other 127.0.0.1 IP:127.0.0.1\n"
+      "leaf misnamed ca other.example DNS:other.example\n"
+      "cp ca.pem /media/nand/mox_data/cert/collector_ca.pem"}).code, 0);
+  auto refusals = [] {
+    std::string st = read_file("/tmp/mox/log/logd.status");
+    size_t at = st.find("\ntls_refused=");
+    return at == std::string::npos ? -1L : std::atol(st.c_str() + at + 13);
+  };
+
+  int port = unused_port();
+  auto serve = [&](const char *cert) {  // the collector, now with this certificate
+    if (server_pid_ > 0) kill(-server_pid_, SIGKILL);
+    return wait_for([&] { return server_pid_ <= 0 || !alive(server_pid_); }, 5) &&
+           start_rsyslog(input.c_str(), port, pki + "/" + cert) == port;
+  };
+  const std::string target = scheme + "127.0.0.1:" + std::to_string(port);
+  ASSERT_EQ(conf_set("logserver", target + " 100000"), 0);
+  pid_t pid = start_daemon();
+  ASSERT_GT(pid, 0) << state();
+  ASSERT_TRUE(feed_access(0, 100));
+  for (const char *cert : {"stranger", "misnamed"}) {
+    ASSERT_TRUE(serve(cert)) << read_file(kWork + "/rsyslog/rsyslogd.out");
+    long before = refusals();
+    ASSERT_TRUE(write_text(kLogPath, ""));
+    ASSERT_EQ(kill(pid, SIGHUP), 0);  // ends the pause after the last failure
+    EXPECT_TRUE(wait_for([&] { return in_log("certificate verify failed: ") && refusals() > before; },
+                         15)) << cert << "\n" << state();
+    EXPECT_EQ(count_of(read_file(rsyslog_file_), " mox_logd: "), 0u) << cert;
+    EXPECT_TRUE(alive(pid));
+  }
+  ASSERT_TRUE(serve("good")) << read_file(kWork + "/rsyslog/rsyslogd.out");
+  ASSERT_EQ(kill(pid, SIGHUP), 0);
+  ASSERT_TRUE(feed_access(100, 100));
+  wait_for([&] { return count_of(decode(rsyslog_file_), "\"GET /rec-") >= 200; }, 30);
+  EXPECT_EQ(records_once_in_order(decode(rsyslog_file_), 200), "") << state();
+  std::string st = read_file("/tmp/mox/log/logd.status");
+  EXPECT_NE(st.find("access_collector=" + target + "\n"), std::string::npos) << st;
+  EXPECT_GE(refusals(), 2) << st;
+}
+
+INSTANTIATE_TEST_SUITE_P(Schemes, TlsShipping,
+                         ::testing::Values(std::make_pair("imtcp", "tls://"),
+                                           std::make_pair("imrelp", "relp+tls://")));
 
 }  // namespace

@@ -69,6 +69,7 @@ std::string slurp(const std::string &path) {
 class Ship : public ::testing::Test {
  protected:
   void SetUp() override {
+    ASSERT_EQ(0, device_key_load(key_path("device_key.pem").c_str()));
     for (auto k : {std::make_pair("attack_private.pem", &attack_key_),
                    std::make_pair("access_private.pem", &access_key_)}) {
       char *pem = nullptr;
@@ -92,7 +93,7 @@ class Ship : public ::testing::Test {
   }
   // A sealed access block as the sealer makes it, with this sequence number.
   static std::string access_message(uint64_t seq, const std::string &records) {
-    SealMeta meta{0xfeedull, seq, "SN1"};
+    SealMeta meta{0xfeedull, seq, "SN1", 0, {}};
     char *out = nullptr;
     int n = build_encrypted_logs(records.data(), records.size(), &meta, &out);
     std::string m(out, n > 0 ? n : 0);
@@ -106,11 +107,11 @@ TEST_F(Ship, SealOpensOnlyWithItsKeyAndFailsOnAnyChange) {
   std::string pub = slurp(key_path("attack_public.pem"));
   std::string report = std::string("{\"device_name\":\"r\",") + kFragment;
   std::vector<char> text(SHIP_BASE64_SIZE(SHIP_SEALED_MAX(report.size())));
-  SealMeta meta{0x0123456789abcdefull, 42, "SN0042"};
+  SealMeta meta{0x0123456789abcdefull, 42, "SN0042", 0, {}};
   int n = seal_message('A', pub.c_str(), &meta, (const unsigned char *)report.data(),
                        report.size(), 0, text.data(), text.size());
   ASSERT_GT(n, 0);
-  std::string sealed(text.data(), n), line = "Mar  5 07:08:09 r mox_logd: MOX2 A " + sealed + "\r";
+  std::string sealed(text.data(), n), line = "Mar  5 07:08:09 r mox_logd: MOX3 A " + sealed + "\r";
   char kind = 0;
   std::string plain;
   SealMeta got{};
@@ -118,18 +119,22 @@ TEST_F(Ship, SealOpensOnlyWithItsKeyAndFailsOnAnyChange) {
   EXPECT_EQ('A', kind);
   EXPECT_EQ(report, plain);
   EXPECT_TRUE(got.epoch == meta.epoch && got.seq == 42u && std::string(got.device) == "SN0042");
+  unsigned char device_key[SHIP_SIGN_KEY_SIZE];
+  ASSERT_EQ(0, device_key_public(device_key));
+  EXPECT_TRUE(got.signed_by_key && memcmp(got.signer, device_key, sizeof device_key) == 0);
   EXPECT_EQ(OPEN_NO_KEY, open(line, {access_key_}, &kind, &plain));
   EXPECT_EQ(OPEN_NO_MARKER, open("Mar  5 r sshd: hello", {attack_key_}, &kind, &plain));
-  for (const std::string &bad : {"MOX2 L " + sealed, "MOX2 A " + sealed + " x", "MOX1 A " + sealed})
+  for (const std::string &bad : {"MOX3 L " + sealed, "MOX3 A " + sealed + " x", "MOX2 A " + sealed,
+                                 "MOX1 A " + sealed})
     EXPECT_EQ(OPEN_MALFORMED, open(bad, {attack_key_}, &kind, &plain)) << bad.substr(0, 8);
   // Every byte is covered: a change anywhere fails, never crashes.
   for (size_t at = 0; at < sealed.size(); at += 7) {
     std::string bad = sealed;
     bad[at] = bad[at] == 'A' ? 'g' : 'A';  // a high bit: never padding alone
-    EXPECT_LT(open("MOX2 A " + bad, {attack_key_}, &kind, &plain), 0) << at;
+    EXPECT_LT(open("MOX3 A " + bad, {attack_key_}, &kind, &plain), 0) << at;
   }
   for (size_t cut = 0; cut < sealed.size(); cut += 4)
-    EXPECT_LT(open("MOX2 A " + sealed.substr(0, cut), {attack_key_}, &kind, &plain), 0) << cut;
+    EXPECT_LT(open("MOX3 A " + sealed.substr(0, cut), {attack_key_}, &kind, &plain), 0) << cut;
 
   // Access blocks are compressed before sealing; empty ones open as well.
   std::string big;
@@ -162,7 +167,7 @@ TEST_F(Ship, SyslogStampCarriesTheZoneInWholeHours) {
     char host[SHIP_DEVICE_NAME_SIZE] = {0};
     gethostname(host, sizeof host - 1);
     EXPECT_EQ(std::string(out, n > 0 ? n : 0),
-              std::string("<190>") + z.second + " " + host + " mox_logd: MOX2 L QUJD");
+              std::string("<190>") + z.second + " " + host + " mox_logd: MOX3 L QUJD");
   }
   if (tz.empty()) unsetenv("TZ"); else setenv("TZ", tz.c_str(), 1);
   tzset();
@@ -194,7 +199,7 @@ TEST_F(Ship, LogdecodeExitsByWhatItReadAndDropsCopies) {
   std::string report = std::string("{\"device_name\":\"r\",") + kFragment;
   std::string pub = slurp(key_path("attack_public.pem"));
   std::vector<char> text(SHIP_ATTACK_TEXT_SIZE), message(SHIP_ATTACK_MESSAGE_SIZE);
-  SealMeta meta{0xfeedull, 1, "SN1"};
+  SealMeta meta{0xfeedull, 1, "SN1", 0, {}};
   ASSERT_GT(seal_message('A', pub.c_str(), &meta, (const unsigned char *)report.data(),
                          report.size(), 0, text.data(), text.size()), 0);
   ASSERT_GT(format_syslog_message('A', text.data(), message.data(), message.size()), 0);
@@ -212,22 +217,81 @@ TEST_F(Ship, LogdecodeExitsByWhatItReadAndDropsCopies) {
   // does not open is an error.
   RunResult r = decode({"-k", ak, "-k", lk},
                        attack + "\nMar  5 r kernel: MOX2 A AAAA\n" + block + "\n" + block + "\n");
+  const std::string lines = "{\"device\":\"SN1\",\"record\":\"first record\"}\n"
+                            "{\"device\":\"SN1\",\"record\":\"second record\"}\n";
   EXPECT_EQ(1, r.code);
-  EXPECT_EQ(report + "\n" + records + "\n", r.out);
+  EXPECT_EQ(report + "\n" + lines, r.out);
   EXPECT_TRUE(r.err.find("mox_logdecode: ") == 0 && r.err.find("line 2") != std::string::npos) << r.err;
   // A raw stream of frames, with a gap in the sequence numbers.
   r = decode({"--stats", "-k", lk, "-k", ak}, frame(block) + frame(attack) + frame(later) + frame(block));
   EXPECT_EQ(0, r.code) << r.err;
-  EXPECT_EQ(records + "\n" + report + "\nthird\n", r.out);
+  EXPECT_EQ(lines + report + "\n{\"device\":\"SN1\",\"record\":\"third\"}\n", r.out);
   EXPECT_NE(std::string::npos, r.err.find("mox_logdecode: stats: device=SN1 epoch=000000000000feed "
-                                          "kind=L decoded=2 duplicates=1 missing=1\n")) << r.err;
-  EXPECT_NE(std::string::npos, r.err.find("kind=A decoded=1 duplicates=0 missing=0\n")) << r.err;
+                                          "kind=L decoded=2 duplicates=1 replays=0 missing=1\n")) << r.err;
+  EXPECT_NE(std::string::npos, r.err.find("kind=A decoded=1 duplicates=0 replays=0 missing=0\n")) << r.err;
   r = decode({"-k", ak, "-k", lk}, frame(block) + frame(attack).substr(0, attack.size() - 9));
   EXPECT_EQ(1, r.code);
-  EXPECT_EQ(records + "\n", r.out);
+  EXPECT_EQ(lines, r.out);
   EXPECT_NE(std::string::npos, r.err.find("truncated")) << r.err;
   EXPECT_EQ(2, decode({}, block).code);
   EXPECT_EQ(2, decode({"-k"}, block).code);
+}
+
+// With a keyring the collector knows each device by its signing key: the first signed
+// message pins it, another key's message for that device is refused (the public sealing
+// keys are in every firmware image, so anyone can seal), and a message an earlier run
+// decoded comes back as a replay. Whatever a message holds, the output is JSON lines.
+TEST_F(Ship, KeyringRefusesForgeriesKeyChangesAndReplays) {
+  REQUIRE_SANDBOX();
+  std::string pub = slurp(key_path("attack_public.pem"));
+  auto report_line = [&](const char *device, uint64_t seq, const std::string &json) {
+    std::vector<char> text(SHIP_ATTACK_TEXT_SIZE), message(SHIP_ATTACK_MESSAGE_SIZE);
+    SealMeta meta{0xbeefull, seq, "", 0, {}};
+    snprintf(meta.device, sizeof meta.device, "%s", device);
+    EXPECT_GT(seal_message('A', pub.c_str(), &meta, (const unsigned char *)json.data(), json.size(),
+                           0, text.data(), text.size()), 0);
+    EXPECT_GT(format_syslog_message('A', text.data(), message.data(), message.size()), 0);
+    return std::string(message.data()) + "\n";
+  };
+  const std::string genuine = std::string("{\"device_name\":\"v\",") + kFragment;
+  std::string input = report_line("victim", 1, genuine) +
+                      access_message(1, "GET /\x1b[2J\"}{\"x\":1\x7f") + "\n";
+  ASSERT_EQ(0, device_key_load("/tmp/forger.pem"));  // a key of the forger's own
+  input += report_line("victim", 2, genuine) + report_line("SN1", 2, "{\"a\":1}\n{\"b\":2}");
+  std::ofstream("/tmp/input", std::ios::binary) << input;
+  auto decode = [] {
+    return run_binary(sandbox_logdecode_path(),
+                      {"mox_logdecode", "--stats", "--keyring", "/tmp/ring", "-k",
+                       key_path("attack_private.pem"), "-k", key_path("access_private.pem"),
+                       "/tmp/input"});
+  };
+  RunResult r = decode();
+  EXPECT_EQ(1, r.code);
+  EXPECT_EQ(genuine + "\n{\"device\":\"SN1\",\"record\":\"GET /\\u001b[2J\\\"}{\\\"x\\\":1\\u007f\"}\n",
+            r.out);
+  EXPECT_NE(std::string::npos, r.err.find("pinned device \"victim\" to key ")) << r.err;
+  EXPECT_NE(std::string::npos, r.err.find("line 3: device \"victim\" signed by key ")) << r.err;
+  EXPECT_NE(std::string::npos, r.err.find("line 4: device \"SN1\" signed by key ")) << r.err;
+  std::string ring = slurp("/tmp/ring");
+  EXPECT_NE(std::string::npos, ring.find("seen A 000000000000beef 1 \"victim\"\n")) << ring;
+  // Enrolled ahead: the forger's key for a new device is taken, and its report is refused
+  // for not being one flat object; then the first run's messages come back as replays.
+  ring += "ed25519 ";
+  unsigned char forger[SHIP_SIGN_KEY_SIZE];
+  char hex[SHIP_KEY_HEX_SIZE];
+  ASSERT_EQ(0, device_key_public(forger));
+  key_hex(forger, hex);
+  std::ofstream("/tmp/ring") << ring << hex << " \"SN9\"\n";
+  std::ofstream("/tmp/input", std::ios::binary)
+      << input.substr(0, input.find('\n', input.find('\n') + 1) + 1)
+      << report_line("SN9", 1, "{\"a\":1}\n{\"b\":2}");
+  r = decode();
+  EXPECT_EQ(1, r.code);
+  EXPECT_EQ("", r.out);
+  EXPECT_NE(std::string::npos, r.err.find("line 1: replay: device \"victim\" epoch 000000000000beef "
+                                          "kind A sequence 1 was decoded by an earlier run")) << r.err;
+  EXPECT_NE(std::string::npos, r.err.find("line 3: report is not one flat JSON object")) << r.err;
+  EXPECT_NE(std::string::npos, r.err.find("kind=L decoded=0 duplicates=0 replays=1 missing=0")) << r.err;
 }
 
 // The device identifier comes from the router's serial command, run on the main loop's
