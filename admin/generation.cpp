@@ -26,15 +26,19 @@ struct Output {
   const int32_t *ids;
   const char *template_path;  // null for the website file
   int total;
-  char text[STORED_TEXT_SIZE];
+  char *text;               // STORED_TEXT_SIZE bytes
 };
 
+// Apart from the table, whose pointers would otherwise carry 54 KiB of
+// zeros into the program file.
+static char output_texts[3][STORED_TEXT_SIZE];
 static Output outputs[] = {
-    {DATA_NGINX, nginx_para_ids, NGINX_TEMPLATE_PATH, 0, {0}},
-    {DATA_PROXY, proxy_para_ids, NULL, 0, {0}},
-    {DATA_QSP, qsp_para_ids, QSP_TEMPLATE_PATH, 0, {0}},
+    {DATA_NGINX, nginx_para_ids, NGINX_TEMPLATE_PATH, 0, output_texts[0]},
+    {DATA_PROXY, proxy_para_ids, NULL, 0, output_texts[1]},
+    {DATA_QSP, qsp_para_ids, QSP_TEMPLATE_PATH, 0, output_texts[2]},
 };
 #define OUTPUT_COUNT (sizeof outputs / sizeof outputs[0])
+static_assert(sizeof output_texts / sizeof output_texts[0] == OUTPUT_COUNT, "one text per output");
 
 // 0 when the template of out is a regular file the expansion can take;
 // else 1, reported naming the file that is not written.
@@ -96,7 +100,7 @@ static int count_blocks(const char *text) {
 // Builds out in full; *sites and *left_out get the websites stored and
 // the ones the generator dropped.
 static int build(Output *out, int *sites, int *left_out) {
-  memset(out->text, 0, sizeof out->text);
+  memset(out->text, 0, STORED_TEXT_SIZE);
   out->total = 0;
   if (out->kind == DATA_PROXY) {
     char value[VALUE_BUFFER_SIZE];

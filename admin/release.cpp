@@ -10,8 +10,6 @@
 //   configuration until the next "mox_conf generate" rewrites them.
 #include <stdio.h>
 
-#include <string>
-
 #include "admin/admin.h"
 #include "confgen/confgen.h"
 #include "logging/logging.h"
@@ -37,18 +35,20 @@ static const char *const generated_files[] = {
 };
 
 // The package of this program's image (file null) or of the package file.
-static int load_package(const char *file, std::string &pkg, char *why, size_t why_size) {
+static int load_package(const char *file, ReleaseBytes *pkg, char *why, size_t why_size) {
   if (file == nullptr) return release_package_of_image(SELF_IMAGE_PATH, pkg, why, why_size);
   return release_package_of_file(file, pkg, why, why_size);
 }
 
 int cmd_release_verify(const char *file) {
   char why[RELEASE_WHY_SIZE] = {0};
-  std::string pkg, archive;
+  ReleaseBytes pkg = {nullptr, 0, 0}, archive = {nullptr, 0, 0};
   ReleaseCount count = {0, 0, 0};
-  if (load_package(file, pkg, why, sizeof why) != 0 ||
-      release_verify(pkg, archive, &count, why, sizeof why) != 0)
-    return failure(EXIT_REFUSED, "%s", why);
+  int rc = load_package(file, &pkg, why, sizeof why) != 0 ||
+           release_verify(pkg.data, pkg.len, &archive, &count, why, sizeof why) != 0;
+  release_bytes_free(&pkg);
+  release_bytes_free(&archive);
+  if (rc != 0) return failure(EXIT_REFUSED, "%s", why);
   if (printf("release package verified: %d files, %zu bytes\n", count.files, count.bytes) < 0 ||
       fflush(stdout) != 0)
     return EXIT_REFUSED;
@@ -57,10 +57,13 @@ int cmd_release_verify(const char *file) {
 
 int cmd_release_install(const char *file) {
   char why[RELEASE_WHY_SIZE] = {0};
-  std::string pkg;
+  ReleaseBytes pkg = {nullptr, 0, 0};
   ReleaseCount count = {0, 0, 0};
-  if (load_package(file, pkg, why, sizeof why) != 0 ||
-      release_install(pkg, RELEASE_DIR, generated_files, &count, why, sizeof why) != 0) {
+  int rc = load_package(file, &pkg, why, sizeof why) != 0 ||
+           release_install(pkg.data, pkg.len, RELEASE_DIR, generated_files, &count, why,
+                           sizeof why) != 0;
+  release_bytes_free(&pkg);
+  if (rc != 0) {
     DLOG_ERROR("release not installed: %s", why);
     return failure(EXIT_REFUSED, "%s", why);
   }

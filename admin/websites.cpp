@@ -13,8 +13,6 @@
 #include <string.h>
 #include <unistd.h>
 
-#include <string>
-
 #include "admin/admin.h"
 #include "logging/logging.h"
 #include "platform/platform.h"
@@ -29,13 +27,12 @@ static int is_name_char(int c) {
 
 // parse_endpoint reports a mismatch on stdout, which carries get and list
 // output here: stdout points at /dev/null during the call.
-static int parse_endpoint_quietly(const char *text, std::string &scheme, std::string &host,
-                                  std::string &port) {
+static int parse_endpoint_quietly(const char *text, Endpoint *end) {
   fflush(stdout);
   int saved = dup(STDOUT_FILENO);
   int null_fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
   int muted = saved >= 0 && null_fd >= 0 && dup2(null_fd, STDOUT_FILENO) >= 0;
-  int rc = parse_endpoint(text, scheme, host, port);
+  int rc = parse_endpoint(text, end);
   fflush(stdout);
   if (muted) dup2(saved, STDOUT_FILENO);
   if (saved >= 0) close(saved);
@@ -46,16 +43,17 @@ static int parse_endpoint_quietly(const char *text, std::string &scheme, std::st
 // The canonical "address:port" of an endpoint into out (LISTENER_TEXT_SIZE),
 // and its port number; 0, or -1 when it does not parse.
 static int listener_of(const char *endpoint, char *out, int *port_number) {
-  std::string scheme, host, port;
+  Endpoint end;
   memset(out, 0, LISTENER_TEXT_SIZE);
-  if (parse_endpoint_quietly(endpoint, scheme, host, port) != 0 || port.empty()) return -1;
+  if (parse_endpoint_quietly(endpoint, &end) != 0 || end.port[0] == '\0') return -1;
   char address[LISTENER_TEXT_SIZE];
   char digits[PORT_TEXT_SIZE];
   memset(address, 0, sizeof address);
   memset(digits, 0, sizeof digits);
-  if (host.size() >= sizeof address || port.size() >= sizeof digits) return -1;
-  memcpy(address, host.c_str(), host.size());
-  memcpy(digits, port.c_str(), port.size());
+  size_t host_len = strlen(end.host), port_len = strlen(end.port);
+  if (host_len >= sizeof address || port_len >= sizeof digits) return -1;
+  memcpy(address, end.host, host_len);
+  memcpy(digits, end.port, port_len);
   // normalize_* rewrite their text in place: the copies take it.
   if (normalize_ip(address) != 0 || normalize_port(digits) != 0) return -1;
   int n = snprintf(out, LISTENER_TEXT_SIZE, "%s:%s", address, digits);
@@ -65,10 +63,10 @@ static int listener_of(const char *endpoint, char *out, int *port_number) {
 }
 
 static int check_endpoint(const char *field, const char *text) {
-  std::string scheme, host, port;
-  if (parse_endpoint_quietly(text, scheme, host, port) != 0)
+  Endpoint end;
+  if (parse_endpoint_quietly(text, &end) != 0)
     return failure(EXIT_REFUSED, "%s \"%s\" is not [http://|https://]ADDRESS:PORT", field, text);
-  if (port.empty()) return failure(EXIT_REFUSED, "%s \"%s\" has no port", field, text);
+  if (end.port[0] == '\0') return failure(EXIT_REFUSED, "%s \"%s\" has no port", field, text);
   char listener[LISTENER_TEXT_SIZE];
   int number = 0;
   if (listener_of(text, listener, &number) != 0)

@@ -32,11 +32,22 @@ target_link_libraries(mox_store PUBLIC ZLIB::ZLIB)
 
 # The packer runs on the build host. It checks its own output with the
 # device's code and the compiled-in verify key, so a signing key that does
-# not match that key fails the build.
-add_executable(mox_pack ${CMAKE_SOURCE_DIR}/store/mox_pack_main.cpp)
-target_compile_options(mox_pack PRIVATE ${MOX_WARNINGS})
-target_compile_definitions(mox_pack PRIVATE _GNU_SOURCE)
-target_link_libraries(mox_pack PRIVATE mox_store)
+# not match that key fails the build. A cross build cannot run the packer
+# it would build: it names one built for the build host with the same keys
+# (scripts/cross builds it in build-host-tools).
+set(MOX_HOST_PACK "" CACHE FILEPATH "mox_pack built for the build host (cross builds)")
+if(CMAKE_CROSSCOMPILING)
+  if(NOT EXISTS "${MOX_HOST_PACK}")
+    message(FATAL_ERROR "a cross build needs MOX_HOST_PACK, a mox_pack built for this host")
+  endif()
+  set(MOX_PACK_COMMAND ${MOX_HOST_PACK})
+else()
+  add_executable(mox_pack ${CMAKE_SOURCE_DIR}/store/mox_pack_main.cpp)
+  target_compile_options(mox_pack PRIVATE ${MOX_WARNINGS})
+  target_compile_definitions(mox_pack PRIVATE _GNU_SOURCE)
+  target_link_libraries(mox_pack PRIVATE mox_store)
+  set(MOX_PACK_COMMAND mox_pack)
+endif()
 
 # Folders are listed too: a folder's time changes when an entry is added to
 # or removed from it, so a removed file repacks as well as a changed one.
@@ -44,8 +55,8 @@ file(GLOB_RECURSE MOX_RELEASE_FILES LIST_DIRECTORIES true CONFIGURE_DEPENDS
   ${CMAKE_SOURCE_DIR}/release/*)
 set(MOX_RELEASE_PACKAGE ${CMAKE_BINARY_DIR}/release.pkg)
 add_custom_command(OUTPUT ${MOX_RELEASE_PACKAGE}
-  COMMAND mox_pack pack ${CMAKE_SOURCE_DIR}/release ${MOX_RELEASE_SIGNING_KEY} ${MOX_RELEASE_PACKAGE}
-  DEPENDS mox_pack ${CMAKE_SOURCE_DIR}/release ${MOX_RELEASE_FILES}
+  COMMAND ${MOX_PACK_COMMAND} pack ${CMAKE_SOURCE_DIR}/release ${MOX_RELEASE_SIGNING_KEY} ${MOX_RELEASE_PACKAGE}
+  DEPENDS ${MOX_PACK_COMMAND} ${CMAKE_SOURCE_DIR}/release ${MOX_RELEASE_FILES}
     ${MOX_RELEASE_SIGNING_KEY} ${MOX_RELEASE_VERIFY_KEY}
   COMMENT "Packing release/ into release.pkg"
   VERBATIM)
@@ -57,8 +68,8 @@ set_target_properties(mox_conf PROPERTIES OUTPUT_NAME mox_conf.bare
   RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bare)
 set(MOX_CONF_IMAGE ${CMAKE_BINARY_DIR}/mox_conf)
 add_custom_command(OUTPUT ${MOX_CONF_IMAGE}
-  COMMAND mox_pack image $<TARGET_FILE:mox_conf> ${MOX_RELEASE_PACKAGE} ${MOX_CONF_IMAGE}
-  DEPENDS mox_pack mox_conf ${MOX_RELEASE_PACKAGE}
+  COMMAND ${MOX_PACK_COMMAND} image $<TARGET_FILE:mox_conf> ${MOX_RELEASE_PACKAGE} ${MOX_CONF_IMAGE}
+  DEPENDS ${MOX_PACK_COMMAND} mox_conf ${MOX_RELEASE_PACKAGE}
   COMMENT "Appending release.pkg to mox_conf"
   VERBATIM)
 add_custom_target(mox_conf_image ALL DEPENDS ${MOX_CONF_IMAGE})

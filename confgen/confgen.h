@@ -6,8 +6,6 @@
 
 #include <stdint.h>
 
-#include <string>
-
 #define STORED_TEXT_SIZE 18432     // the whole stored text, and every buffer reading it
 #define KEY_VALUE_SIZE 128         // a stored key's value as generation reads it
 #define PROXY_VALUE_SIZE 512       // the "proxy" section's value as generation reads it
@@ -103,10 +101,11 @@ int handle_data(int kind, para_entry *entries, char *out, int *out_len);
 
 // The upstream and server blocks for one proxy line "NAME SERVER UPSTREAM
 // [--protect=on|off|monitor]..."; line is cut up in place. Waits up to 5
-// seconds for the listening address to come up. 0 with result holding the
-// blocks, -1 with result empty (also for blocks that would not fit
-// PROXY_BLOCK_SIZE, logged; a line of PROXY_VALUE_SIZE never does).
-int generate_proxy_conf(char *line, std::string &result);
+// seconds for the listening address to come up. 0 with the blocks in block
+// (PROXY_BLOCK_SIZE bytes) and their length in *block_len; -1 with block
+// empty (also for blocks that would not fit PROXY_BLOCK_SIZE, logged; a
+// line of PROXY_VALUE_SIZE never does).
+int generate_proxy_conf(char *line, char *block, int *block_len);
 
 // What generate_data writes for kind, built into out (zero-filled by the
 // caller, STORED_TEXT_SIZE bytes) and not written: *total gets its length,

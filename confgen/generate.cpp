@@ -5,8 +5,6 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <string>
-
 #include "confgen/confgen.h"
 #include "logging/logging.h"
 #include "platform/platform.h"
@@ -72,16 +70,17 @@ static int build_websites(char *out, int *total) {
     int n = i - line_start;
     if (n > 0) {
       memcpy(line, value + line_start, (size_t)n);
-      std::string block;
-      generate_proxy_conf(line, block);  // a failed line leaves block empty
-      if ((size_t)*total + block.size() > STORED_TEXT_SIZE) {
+      char block[PROXY_BLOCK_SIZE];
+      int block_len = 0;
+      generate_proxy_conf(line, block, &block_len);  // a failed line leaves it empty
+      if (*total + block_len > STORED_TEXT_SIZE) {
         // line was cut up in place: its first field is the website's name.
         DLOG_ERROR("websites exceed %d bytes: %s and the lines behind it are left out.",
                    STORED_TEXT_SIZE, line);
         break;
       }
-      memcpy(out + *total, block.data(), block.size());
-      *total += (int)block.size();
+      memcpy(out + *total, block, (size_t)block_len);
+      *total += block_len;
       memset(line, 0, sizeof line);
     }
     line_start = i + 1;

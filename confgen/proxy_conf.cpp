@@ -3,8 +3,6 @@
 #include <string.h>
 #include <unistd.h>
 
-#include <string>
-
 #include "confgen/confgen.h"
 #include "logging/logging.h"
 #include "platform/platform.h"
@@ -59,40 +57,41 @@ static int read_mode(char **rest, const char **kvsafe, const char **learning, co
   return 0;
 }
 
-int generate_proxy_conf(char *line, std::string &result) {
-  result.clear();
+int generate_proxy_conf(char *line, char *block, int *block_len) {
+  block[0] = '\0';
+  *block_len = 0;
   char *rest = line;
   const char *name = cut_field(&rest);
   const char *server = cut_field(&rest);
   const char *upstream = cut_field(&rest);
 
   if (server[0] == '\0') return -1;
-  std::string server_scheme, server_host, server_port;
-  if (parse_endpoint(server, server_scheme, server_host, server_port) != 0) return -1;
+  Endpoint listener;
+  if (parse_endpoint(server, &listener) != 0) return -1;
   DLOG_DEBUG("proxy server: %s", server);
 
-  int local = is_local_address(server_host.c_str());
+  int local = is_local_address(listener.host);
   for (int waits = 0; !local && waits < LOCAL_WAIT_TRIES; waits++) {
     sleep(1);
-    local = is_local_address(server_host.c_str());
+    local = is_local_address(listener.host);
   }
   if (!local) {
-    DLOG_ERROR("website IP=%s is not local address.", server_host.c_str());
+    DLOG_ERROR("website IP=%s is not local address.", listener.host);
     return -1;
   }
   // The listening side's scheme decides both ssl directives.
-  const char *ssl = server_scheme == "https" ? "on" : "off";
+  const char *ssl = strcmp(listener.scheme, "https") == 0 ? "on" : "off";
 
   if (upstream[0] == '\0') return -1;
-  std::string upstream_scheme, upstream_host, upstream_port;
-  if (parse_endpoint(upstream, upstream_scheme, upstream_host, upstream_port) != 0) return -1;
+  Endpoint target;
+  if (parse_endpoint(upstream, &target) != 0) return -1;
   DLOG_DEBUG("proxy upstream: %s", upstream);
 
-  if (!is_local_address(upstream_host.c_str())) {
-    DLOG_ERROR("upstream IP=%s is not local address.", upstream_host.c_str());
+  if (!is_local_address(target.host)) {
+    DLOG_ERROR("upstream IP=%s is not local address.", target.host);
     return -1;
   }
-  const char *upstream_prot = upstream_scheme == "https" ? "https" : "http";
+  const char *upstream_prot = strcmp(target.scheme, "https") == 0 ? "https" : "http";
 
   const char *kvsafe = NULL;
   const char *learning = NULL;
@@ -108,16 +107,15 @@ int generate_proxy_conf(char *line, std::string &result) {
     return -1;
   }
 
-  char block[PROXY_BLOCK_SIZE];
-  memset(block, 0, sizeof block);
-  int n = snprintf(block, sizeof block,
+  int n = snprintf(block, PROXY_BLOCK_SIZE,
                    "upstream upstream_%s {\n    server %s:%s;\n}\n\nserver {\n    listen %s:%s;\n"
                    "    ssl %s;\n    kvsafe %s;\n    kvsafe_learning_mode %s;\n"
                    "    set $proxy_upstream %s://upstream_%s;\n    set $proxy_ssl %s;\n"
                    "    include policy_default.conf;\n}\n\n\n",
-                   name, upstream_host.c_str(), upstream_port.c_str(), server_host.c_str(),
-                   server_port.c_str(), ssl, kvsafe, learning, upstream_prot, name, ssl);
-  if (n < 0 || (size_t)n >= sizeof block) {
+                   name, target.host, target.port, listener.host, listener.port, ssl, kvsafe,
+                   learning, upstream_prot, name, ssl);
+  if (n < 0 || n >= PROXY_BLOCK_SIZE) {
+    block[0] = '\0';
     // A cut block would end inside a directive and break the whole file:
     // the line fails instead. A line read from the store (at most
     // PROXY_VALUE_SIZE - 1 characters) never gets here.
@@ -125,6 +123,6 @@ int generate_proxy_conf(char *line, std::string &result) {
     return -1;
   }
   DLOG_DEBUG("%s", block);
-  result.append(block, (size_t)n);
+  *block_len = n;
   return 0;
 }

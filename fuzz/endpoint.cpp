@@ -16,11 +16,12 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   std::string text((const char *)data, size);
-  std::string scheme, host, port;
-  int rc = parse_endpoint(text.c_str(), scheme, host, port);
+  Endpoint end;
+  int rc = parse_endpoint(text.c_str(), &end);
   FUZZ_CHECK(rc == 0 || rc == -2 || rc == -3);  // -1: the expression did not compile
   check_syslog_facility(text.c_str());
   if (rc != 0) return 0;
+  std::string scheme = end.scheme, host = end.host, port = end.port;
   FUZZ_CHECK(!scheme.empty() && !host.empty());
   FUZZ_CHECK(port.find_first_not_of("0123456789") == std::string::npos);
 

@@ -23,13 +23,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const char *blank = strchr(line.data(), ' ');
   if (blank != NULL) {
     std::string server(blank + 1, strcspn(blank + 1, " "));
-    std::string scheme, host, port;
-    if (!server.empty() && parse_endpoint(server.c_str(), scheme, host, port) == 0 &&
-        !is_local_address(host.c_str()))
+    Endpoint end;
+    if (!server.empty() && parse_endpoint(server.c_str(), &end) == 0 && !is_local_address(end.host))
       return 0;
   }
-  std::string result = "left over";
-  int rc = generate_proxy_conf(line.data(), result);
+  char block[PROXY_BLOCK_SIZE] = "left over";
+  int len = -1;
+  int rc = generate_proxy_conf(line.data(), block, &len);
+  FUZZ_CHECK(len >= 0 && (size_t)len == strlen(block));
+  std::string result = block;
   FUZZ_CHECK(rc == 0 || rc == -1);
   FUZZ_CHECK(rc == 0 ? result.compare(0, 18, "upstream upstream_") == 0 : result.empty());
   FUZZ_CHECK(result.size() < PROXY_BLOCK_SIZE);

@@ -4,7 +4,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <string>
 
 #include "platform/platform.h"
 
@@ -20,10 +19,15 @@ static const char *const syslog_facilities[] = {
     "authpriv", "local0", "local1", "local2", "local3", "local4", "local5", "local6", "local7",
 };
 
-// Text of one group; a group that took no part gives an empty text.
-static std::string group_text(const char *text, const regmatch_t &group) {
-  if (group.rm_so < 0 || group.rm_eo < group.rm_so) return std::string();
-  return std::string(text + group.rm_so, static_cast<size_t>(group.rm_eo - group.rm_so));
+// Text of one group into field (size bytes); a group that took no part
+// gives fallback. 0, or -1 when it does not fit.
+static int group_text(const char *text, const regmatch_t &group, char *field, size_t size,
+                      const char *fallback) {
+  int took = group.rm_so >= 0 && group.rm_eo > group.rm_so;
+  int n = took ? snprintf(field, size, "%.*s", static_cast<int>(group.rm_eo - group.rm_so),
+                          text + group.rm_so)
+               : snprintf(field, size, "%s", fallback);
+  return n < 0 || static_cast<size_t>(n) >= size ? -1 : 0;
 }
 
 // The expression is compiled at every call and released on every path,
@@ -31,8 +35,9 @@ static std::string group_text(const char *text, const regmatch_t &group) {
 // match would leak at each bad website line of every generation run.
 // Nothing is checked beyond the grammar: the scheme keeps its case, an
 // IPv6 host keeps its brackets, and octets and ports are not range-tested;
-// the caller decides. A null text is taken as a failed match.
-int parse_endpoint(const char *text, std::string &scheme, std::string &host, std::string &port) {
+// the caller decides. A null text is taken as a failed match, and so is a
+// text longer than any field could hold: no stored line is that long.
+int parse_endpoint(const char *text, Endpoint *out) {
   regex_t expr;
   memset(&expr, 0, sizeof expr);
   if (regcomp(&expr, ENDPOINT_PATTERN, REG_EXTENDED | REG_ICASE) != 0) {
@@ -41,7 +46,9 @@ int parse_endpoint(const char *text, std::string &scheme, std::string &host, std
   }
   regmatch_t groups[ENDPOINT_GROUPS];
   memset(groups, 0, sizeof groups);
-  int code = text != nullptr ? regexec(&expr, text, ENDPOINT_GROUPS, groups, 0) : REG_NOMATCH;
+  int code = text != nullptr && strlen(text) <= ENDPOINT_TEXT_MAX
+                 ? regexec(&expr, text, ENDPOINT_GROUPS, groups, 0)
+                 : REG_NOMATCH;
   regfree(&expr);
   if (code == REG_NOMATCH) {
     printf("Unmatch value return value: %d\n", code);
@@ -51,12 +58,15 @@ int parse_endpoint(const char *text, std::string &scheme, std::string &host, std
     printf("Unexpected return value: %d\n", code);
     return -3;
   }
-  scheme = group_text(text, groups[ENDPOINT_SCHEME_GROUP]);
-  if (scheme.empty()) scheme = "http";
-  host = group_text(text, groups[ENDPOINT_HOST_GROUP]);
-  if (host.empty()) host = "0.0.0.0";
-  // No default port: an empty port is the caller's to fill.
-  port = group_text(text, groups[ENDPOINT_PORT_GROUP]);
+  // The text's bound makes every group fit (the scheme group holds only
+  // "http" or "https"), so a -3 here is never seen from a stored line.
+  Endpoint got;
+  if (group_text(text, groups[ENDPOINT_SCHEME_GROUP], got.scheme, sizeof got.scheme, "http") ||
+      group_text(text, groups[ENDPOINT_HOST_GROUP], got.host, sizeof got.host, "0.0.0.0") ||
+      // No default port: an empty port is the caller's to fill.
+      group_text(text, groups[ENDPOINT_PORT_GROUP], got.port, sizeof got.port, ""))
+    return -3;
+  *out = got;
   return 0;
 }
 

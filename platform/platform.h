@@ -10,7 +10,6 @@
 #include <time.h>
 
 #include <cstddef>
-#include <string>
 
 // Text sizes, worst case plus the terminator.
 #define IPV4_TEXT_SIZE 16            // "255.255.255.255"
@@ -292,11 +291,22 @@ int text_to_int(const char *text);
 
 // ---- endpoint parser ----------------------------------------------------------
 
+#define ENDPOINT_TEXT_MAX 511      // longest endpoint text: a whole website line
+#define ENDPOINT_SCHEME_SIZE 6     // "https"
+#define ENDPOINT_FIELD_SIZE (ENDPOINT_TEXT_MAX + 1)
+
+struct Endpoint {
+  char scheme[ENDPOINT_SCHEME_SIZE];
+  char host[ENDPOINT_FIELD_SIZE];
+  char port[ENDPOINT_FIELD_SIZE];
+};
+
 // Splits "[http|https://][a.b.c.d|[v6]][:][port]" (case-insensitive) into
 // scheme ("http" when missing), host ("0.0.0.0" when missing) and port
 // (empty when missing). 0 on a match; -1 the expression did not compile,
-// -2 no match, -3 other matcher error (outputs untouched on failure).
-int parse_endpoint(const char *text, std::string &scheme, std::string &host, std::string &port);
+// -2 no match (also for a text over ENDPOINT_TEXT_MAX bytes), -3 other
+// matcher error (*out untouched on failure).
+int parse_endpoint(const char *text, Endpoint *out);
 
 // 0 if name is a supported syslog facility ("authpriv", "local0".."local7"),
 // -1 otherwise (printed).

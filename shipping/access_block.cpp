@@ -1,6 +1,7 @@
 // An access block on its way out: compressed first (records are repetitive
 // text and shrink several times, while ciphertext would not shrink at all),
 // then sealed for the access key and framed.
+#include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
 #include <zlib.h>
@@ -9,17 +10,41 @@
 #include "shipping/shipping.h"
 
 // A deflate state costs a few hundred kilobytes to set up, far more than
-// compressing one block; each thread keeps one and resets it per block.
+// compressing one block; each thread keeps one and resets it per block. It
+// hangs off a thread key, whose destructor gives it back when the thread
+// ends.
 namespace {
-struct Deflater {
-  z_stream stream;
-  int ready;  // 1 once deflateInit succeeded
-  Deflater() : stream(), ready(0) {}
-  ~Deflater() {
-    if (ready) deflateEnd(&stream);
+pthread_key_t deflater_key;
+pthread_once_t deflater_once = PTHREAD_ONCE_INIT;
+int deflater_key_ready;  // 1 once the key exists
+
+void end_deflater(void *state) {
+  deflateEnd(static_cast<z_stream *>(state));
+  free(state);
+}
+
+void make_deflater_key() {
+  deflater_key_ready = pthread_key_create(&deflater_key, end_deflater) == 0;
+}
+
+// This thread's deflate state, made on first use; null when it cannot be.
+z_stream *thread_deflater() {
+  pthread_once(&deflater_once, make_deflater_key);
+  if (!deflater_key_ready) return NULL;
+  z_stream *z = static_cast<z_stream *>(pthread_getspecific(deflater_key));
+  if (z != NULL) return deflateReset(z) == Z_OK ? z : NULL;
+  z = static_cast<z_stream *>(calloc(1, sizeof *z));
+  if (z == NULL) return NULL;
+  if (deflateInit(z, Z_BEST_SPEED) != Z_OK) {
+    free(z);
+    return NULL;
   }
-};
-thread_local Deflater deflater;
+  if (pthread_setspecific(deflater_key, z) != 0) {
+    end_deflater(z);
+    return NULL;
+  }
+  return z;
+}
 }  // namespace
 
 int compress_data(const unsigned char *data, size_t len, unsigned char **out, size_t *out_len) {
@@ -33,13 +58,8 @@ int compress_data(const unsigned char *data, size_t len, unsigned char **out, si
     DLOG_ERROR("No enough memory!");
     return -1;
   }
-  z_stream *z = &deflater.stream;
-  int ok = deflater.ready ? deflateReset(z) == Z_OK : 0;
-  if (!deflater.ready) {
-    memset(z, 0, sizeof *z);
-    ok = deflateInit(z, Z_BEST_SPEED) == Z_OK;
-    deflater.ready = ok;
-  }
+  z_stream *z = thread_deflater();
+  int ok = z != NULL;
   static unsigned char nothing[1] = {0};
   if (ok) {
     z->next_in = data != NULL ? (Bytef *)data : nothing;

@@ -60,14 +60,11 @@
 #include <stdarg.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
-
-#include <algorithm>
-#include <string>
-#include <vector>
 
 #include "logging/logging.h"
 #include "platform/platform.h"
@@ -77,10 +74,13 @@
 #define RELEASE_INFO "mox release v1 aes-256-gcm key"
 #define ENTRY_HEAD_SIZE 3           // type and path length
 #define ENTRY_SIZE_FIELD 4          // the size after the path
+#define ENTRY_PATH_SIZE (RELEASE_PATH_MAX + 1)
 #define INFLATE_PIECE_SIZE 16384    // inflate output, taken in pieces of this size
+#define BYTES_FIRST_ROOM 4096       // a growing buffer's first allocation
 #define RELEASE_FILE_MODE 0644
 #define RELEASE_FOLDER_MODE 0755
 #define TARGET_PATH_SIZE 256        // "<target>.new-XXXXXX" and the target's parent
+#define PACK_PATH_SIZE 4096         // "<release folder>/<entry path>" on the build host
 #define REMOVE_OPEN_FDS 16          // folders nftw keeps open while removing a tree
 
 // One archive entry, as offsets into the archive.
@@ -90,6 +90,12 @@ struct Entry {
   size_t path_len;
   size_t data_at;
   size_t data_len;
+};
+
+// The entries of an archive, in its order (RELEASE_ENTRY_MAX on the heap).
+struct Entries {
+  Entry *list;
+  size_t count;
 };
 
 // Writes the reason and gives -1.
@@ -105,29 +111,68 @@ static int refuse(char *why, size_t why_size, const char *fmt, ...) {
   return -1;
 }
 
-static uint32_t get_be(const std::string &s, size_t at, int bytes) {
+// ---- byte buffers ---------------------------------------------------------------
+
+void release_bytes_free(ReleaseBytes *bytes) {
+  if (bytes == nullptr) return;
+  free(bytes->data);
+  bytes->data = nullptr;
+  bytes->len = 0;
+  bytes->room = 0;
+}
+
+// Room for more bytes after the ones held; the room doubles, so a buffer
+// filled piece by piece is copied only a few times. 0, or -1 (ENOMEM).
+static int bytes_reserve(ReleaseBytes *b, size_t more) {
+  if (b->room - b->len >= more) return 0;
+  // Every buffer here stays far below this bound; past it, doubling could wrap.
+  if (more > SIZE_MAX / 4 - b->len) {
+    errno = ENOMEM;
+    return -1;
+  }
+  size_t room = b->room != 0 ? b->room : BYTES_FIRST_ROOM;
+  while (room - b->len < more) room *= 2;
+  unsigned char *grown = static_cast<unsigned char *>(realloc(b->data, room));
+  if (grown == nullptr) return -1;
+  b->data = grown;
+  b->room = room;
+  return 0;
+}
+
+static int bytes_append(ReleaseBytes *b, const void *data, size_t len) {
+  if (bytes_reserve(b, len) != 0) return -1;
+  if (len > 0) memcpy(b->data + b->len, data, len);
+  b->len += len;
+  return 0;
+}
+
+static uint32_t get_be(const unsigned char *p, int bytes) {
   uint32_t v = 0;
-  for (int i = 0; i < bytes; i++) v = (v << 8) | static_cast<unsigned char>(s[at + i]);
+  for (int i = 0; i < bytes; i++) v = (v << 8) | p[i];
   return v;
 }
 
-static void put_be(std::string &s, uint32_t v, int bytes) {
-  for (int i = bytes - 1; i >= 0; i--) s.push_back(static_cast<char>((v >> (8 * i)) & 0xff));
+static int put_be(ReleaseBytes *b, uint32_t v, int bytes) {
+  unsigned char out[sizeof v];
+  for (int i = 0; i < bytes; i++) out[i] = static_cast<unsigned char>(v >> (8 * (bytes - 1 - i)));
+  return bytes_append(b, out, static_cast<size_t>(bytes));
 }
 
-static const unsigned char *bytes_of(const std::string &s) {
-  return reinterpret_cast<const unsigned char *>(s.data());
+// Orders byte strings by their bytes taken as unsigned, a shorter prefix first.
+static int compare_bytes(const char *a, size_t a_len, const char *b, size_t b_len) {
+  int c = memcmp(a, b, a_len < b_len ? a_len : b_len);
+  if (c != 0) return c;
+  return a_len < b_len ? -1 : a_len > b_len ? 1 : 0;
 }
 
 // ---- files ----------------------------------------------------------------------
 
-// len bytes from offset at into out. 0, or -1 with errno set (EIO for a
+// len bytes from offset at into buf. 0, or -1 with errno set (EIO for a
 // file that ends early).
-static int read_span(int fd, off_t at, size_t len, std::string &out) {
-  out.assign(len, '\0');
+static int read_at(int fd, off_t at, unsigned char *buf, size_t len) {
   size_t done = 0;
   while (done < len) {
-    ssize_t got = pread(fd, &out[done], len - done, at + static_cast<off_t>(done));
+    ssize_t got = pread(fd, buf + done, len - done, at + static_cast<off_t>(done));
     if (got < 0 && errno == EINTR) continue;
     if (got == 0) errno = EIO;
     if (got <= 0) return -1;
@@ -136,8 +181,17 @@ static int read_span(int fd, off_t at, size_t len, std::string &out) {
   return 0;
 }
 
+// len bytes from offset at into out, replacing what it held. 0, or -1 with
+// errno set (out then empty).
+static int read_span(int fd, off_t at, size_t len, ReleaseBytes *out) {
+  out->len = 0;
+  if (bytes_reserve(out, len) != 0 || read_at(fd, at, out->data, len) != 0) return -1;
+  out->len = len;
+  return 0;
+}
+
 // 0 when all len bytes were written, -1 with errno set otherwise.
-static int write_all(int fd, const char *data, size_t len) {
+static int write_all(int fd, const unsigned char *data, size_t len) {
   size_t done = 0;
   while (done < len) {
     ssize_t put = write(fd, data + done, len - done);
@@ -154,7 +208,8 @@ static int write_all(int fd, const char *data, size_t len) {
 // checked before anything is read. 0 read; 1 no regular file there
 // (missing, a link, a folder, a device); -1 failed with errno set (EFBIG:
 // larger than max).
-static int slurp_at(int dfd, const char *path, size_t max, std::string &out) {
+static int slurp_at(int dfd, const char *path, size_t max, ReleaseBytes *out) {
+  out->len = 0;
   // O_NONBLOCK: a FIFO must not hang the open; it is no regular file.
   int fd = openat(dfd, path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) return errno == ENOENT || errno == ELOOP || errno == ENOTDIR ? 1 : -1;
@@ -206,13 +261,25 @@ static const char *bad_path(const char *path, size_t len) {
   return nullptr;
 }
 
+static const char *path_of(const ReleaseBytes *archive, const Entry &e) {
+  return reinterpret_cast<const char *>(archive->data) + e.path_at;
+}
+
+// The entry's path as a terminated text in out (ENTRY_PATH_SIZE bytes).
+static const char *entry_path(const ReleaseBytes *archive, const Entry &e, char *out) {
+  memcpy(out, path_of(archive, e), e.path_len);  // at most RELEASE_PATH_MAX, checked
+  out[e.path_len] = '\0';
+  return out;
+}
+
 // Index of the entry named path among the first n entries (sorted), or -1.
-static long find_entry(const std::string &archive, const std::vector<Entry> &entries, size_t n,
+static long find_entry(const ReleaseBytes *archive, const Entries *entries, size_t n,
                        const char *path, size_t len) {
   size_t lo = 0, hi = n;
   while (lo < hi) {
     size_t mid = lo + (hi - lo) / 2;
-    int c = archive.compare(entries[mid].path_at, entries[mid].path_len, path, len);
+    const Entry &e = entries->list[mid];
+    int c = compare_bytes(path_of(archive, e), e.path_len, path, len);
     if (c == 0) return static_cast<long>(mid);
     if (c < 0)
       lo = mid + 1;
@@ -224,48 +291,49 @@ static long find_entry(const std::string &archive, const std::vector<Entry> &ent
 
 // 1 when the folder holding path is the top or a folder entry among the
 // first n entries, else 0.
-static int folder_present(const std::string &archive, const std::vector<Entry> &entries,
-                          size_t n, const char *path, size_t len) {
+static int folder_present(const ReleaseBytes *archive, const Entries *entries, size_t n,
+                          const char *path, size_t len) {
   const char *slash = static_cast<const char *>(memrchr(path, '/', len));
   if (slash == nullptr) return 1;
   long at = find_entry(archive, entries, n, path, static_cast<size_t>(slash - path));
-  return at >= 0 && entries[static_cast<size_t>(at)].type == 'd';
+  return at >= 0 && entries->list[static_cast<size_t>(at)].type == 'd';
 }
 
-// Splits the archive into entries and checks every one of them.
-static int parse_archive(const std::string &archive, std::vector<Entry> &entries,
-                         ReleaseCount *count, char *why, size_t why_size) {
+// Splits the archive into entries (room for RELEASE_ENTRY_MAX) and checks
+// every one of them.
+static int parse_archive(const ReleaseBytes *archive, Entries *entries, ReleaseCount *count,
+                         char *why, size_t why_size) {
   ReleaseCount seen = {0, 0, 0};
-  size_t at = 0, size = archive.size();
-  entries.clear();
+  const unsigned char *bytes = archive->data;
+  size_t at = 0, size = archive->len;
+  entries->count = 0;
   while (at < size) {
-    size_t number = entries.size() + 1;
-    if (entries.size() == RELEASE_ENTRY_MAX)
+    size_t number = entries->count + 1;
+    if (entries->count == RELEASE_ENTRY_MAX)
       return refuse(why, why_size, "more than %d entries in the release", RELEASE_ENTRY_MAX);
     if (size - at < ENTRY_HEAD_SIZE) return refuse(why, why_size, "archive cut in entry %zu", number);
-    Entry e = {archive[at], at + ENTRY_HEAD_SIZE, get_be(archive, at + 1, 2), 0, 0};
+    Entry e = {static_cast<char>(bytes[at]), at + ENTRY_HEAD_SIZE, get_be(bytes + at + 1, 2), 0, 0};
     if (e.type != 'd' && e.type != 'f')
-      return refuse(why, why_size, "entry %zu has the unknown type 0x%02x", number,
-                    static_cast<unsigned char>(e.type));
+      return refuse(why, why_size, "entry %zu has the unknown type 0x%02x", number, bytes[at]);
     if (size - e.path_at < e.path_len + ENTRY_SIZE_FIELD)
       return refuse(why, why_size, "archive cut in entry %zu", number);
-    const char *path = archive.data() + e.path_at;
+    const char *path = path_of(archive, e);
     const char *reason = bad_path(path, e.path_len);
     if (reason != nullptr) return refuse(why, why_size, "entry %zu: %s", number, reason);
     int len = static_cast<int>(e.path_len);
     e.data_at = e.path_at + e.path_len + ENTRY_SIZE_FIELD;
-    e.data_len = get_be(archive, e.path_at + e.path_len, ENTRY_SIZE_FIELD);
+    e.data_len = get_be(bytes + e.path_at + e.path_len, ENTRY_SIZE_FIELD);
     if (e.data_len > size - e.data_at)
       return refuse(why, why_size, "entry %.*s: size beyond the archive", len, path);
     if (e.type == 'd' && e.data_len != 0)
       return refuse(why, why_size, "folder entry %.*s carries bytes", len, path);
-    if (!entries.empty()) {
-      const Entry &last = entries.back();
-      int c = archive.compare(last.path_at, last.path_len, path, e.path_len);
+    if (entries->count > 0) {
+      const Entry &last = entries->list[entries->count - 1];
+      int c = compare_bytes(path_of(archive, last), last.path_len, path, e.path_len);
       if (c == 0) return refuse(why, why_size, "duplicate entry %.*s", len, path);
       if (c > 0) return refuse(why, why_size, "entry %.*s out of order", len, path);
     }
-    if (!folder_present(archive, entries, entries.size(), path, e.path_len))
+    if (!folder_present(archive, entries, entries->count, path, e.path_len))
       return refuse(why, why_size, "entry %.*s: its folder is not in the release", len, path);
     if (e.type == 'd') {
       seen.folders++;
@@ -273,17 +341,17 @@ static int parse_archive(const std::string &archive, std::vector<Entry> &entries
       seen.files++;
       seen.bytes += e.data_len;
     }
-    entries.push_back(e);
+    entries->list[entries->count++] = e;
     at = e.data_at + e.data_len;
   }
-  if (entries.empty()) return refuse(why, why_size, "the release holds no entries");
+  if (entries->count == 0) return refuse(why, why_size, "the release holds no entries");
   if (count != nullptr) *count = seen;
   return 0;
 }
 
 // Inflates a whole zlib stream into out, never past RELEASE_ARCHIVE_MAX
 // bytes, whatever the stream claims.
-static int inflate_bounded(const unsigned char *in, size_t len, std::string &out, char *why,
+static int inflate_bounded(const unsigned char *in, size_t len, ReleaseBytes *out, char *why,
                            size_t why_size) {
   z_stream zs;
   memset(&zs, 0, sizeof zs);
@@ -292,24 +360,28 @@ static int inflate_bounded(const unsigned char *in, size_t len, std::string &out
   zs.avail_in = static_cast<uInt>(len);          // at most RELEASE_PACKAGE_MAX
   unsigned char piece[INFLATE_PIECE_SIZE] = {0};
   int rc = Z_OK;
-  out.clear();
+  out->len = 0;
   while (rc == Z_OK) {
     zs.next_out = piece;
     zs.avail_out = sizeof piece;
     rc = inflate(&zs, Z_NO_FLUSH);
     size_t got = sizeof piece - zs.avail_out;
-    if (out.size() + got > RELEASE_ARCHIVE_MAX) {
+    if (out->len + got > RELEASE_ARCHIVE_MAX) {
       inflateEnd(&zs);
-      out.clear();
+      out->len = 0;
       return refuse(why, why_size, "archive inflates past %d bytes", RELEASE_ARCHIVE_MAX);
     }
-    out.append(reinterpret_cast<const char *>(piece), got);
+    if (bytes_append(out, piece, got) != 0) {
+      inflateEnd(&zs);
+      out->len = 0;
+      return refuse(why, why_size, "no memory for the archive");
+    }
   }
   // Z_BUF_ERROR here means the input ended before the stream did.
   int whole = rc == Z_STREAM_END && zs.avail_in == 0;
   inflateEnd(&zs);
   if (!whole) {
-    out.clear();
+    out->len = 0;
     return refuse(why, why_size, "compressed archive damaged, cut or followed by extra bytes");
   }
   return 0;
@@ -340,28 +412,31 @@ static EVP_PKEY *load_signing_key(const char *path) {
   return only_ed25519(key);
 }
 
-// What the signature covers: the magic, the version and the compressed archive.
-static std::string signed_bytes(const std::string &packed) {
-  std::string msg(RELEASE_MAGIC, RELEASE_MAGIC_SIZE);
-  msg.push_back(static_cast<char>(RELEASE_VERSION));
-  return msg + packed;
+// What the signature covers, into msg: the magic, the version and the
+// compressed archive. 0, or -1 (no memory).
+static int signed_bytes(const unsigned char *packed, size_t len, ReleaseBytes *msg) {
+  const unsigned char version = RELEASE_VERSION;
+  msg->len = 0;
+  return bytes_append(msg, RELEASE_MAGIC, RELEASE_MAGIC_SIZE) == 0 &&
+                 bytes_append(msg, &version, 1) == 0 && bytes_append(msg, packed, len) == 0
+             ? 0
+             : -1;
 }
 
 // Ed25519 signs in one pass and brings its own digest, hence none named.
-static int sign_bytes(EVP_PKEY *key, const std::string &msg, unsigned char *sig) {
+static int sign_bytes(EVP_PKEY *key, const ReleaseBytes *msg, unsigned char *sig) {
   EVP_MD_CTX *ctx = EVP_MD_CTX_new();
   size_t len = RELEASE_SIG_SIZE;
   int ok = ctx != nullptr && EVP_DigestSignInit(ctx, nullptr, nullptr, nullptr, key) > 0 &&
-           EVP_DigestSign(ctx, sig, &len, bytes_of(msg), msg.size()) > 0 &&
-           len == RELEASE_SIG_SIZE;
+           EVP_DigestSign(ctx, sig, &len, msg->data, msg->len) > 0 && len == RELEASE_SIG_SIZE;
   EVP_MD_CTX_free(ctx);
   return ok ? 0 : -1;
 }
 
-static int signature_holds(EVP_PKEY *key, const std::string &msg, const unsigned char *sig) {
+static int signature_holds(EVP_PKEY *key, const ReleaseBytes *msg, const unsigned char *sig) {
   EVP_MD_CTX *ctx = EVP_MD_CTX_new();
   int ok = ctx != nullptr && EVP_DigestVerifyInit(ctx, nullptr, nullptr, nullptr, key) > 0 &&
-           EVP_DigestVerify(ctx, sig, RELEASE_SIG_SIZE, bytes_of(msg), msg.size()) == 1;
+           EVP_DigestVerify(ctx, sig, RELEASE_SIG_SIZE, msg->data, msg->len) == 1;
   EVP_MD_CTX_free(ctx);
   return ok;
 }
@@ -394,199 +469,256 @@ static int run_gcm(int encrypt, const unsigned char *header, const unsigned char
 
 // ---- reading and verifying --------------------------------------------------------
 
-int release_package_of_image(const char *image_path, std::string &pkg, char *why,
+int release_package_of_image(const char *image_path, ReleaseBytes *pkg, char *why,
                              size_t why_size) {
-  pkg.clear();
+  pkg->len = 0;
   if (image_path == nullptr) return refuse(why, why_size, "no image named");
   int fd = open(image_path, O_RDONLY | O_CLOEXEC);
   if (fd < 0) return refuse(why, why_size, "cannot open %s: %s", image_path, strerror(errno));
   struct stat st;
-  std::string trailer;
+  unsigned char trailer[RELEASE_TRAILER_SIZE] = {0};
   int rc = 0;
   if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
     rc = refuse(why, why_size, "%s is no regular file", image_path);
   } else if (st.st_size < RELEASE_TRAILER_SIZE + RELEASE_HEADER_SIZE) {
     rc = refuse(why, why_size, "no release package appended to %s", image_path);
-  } else if (read_span(fd, st.st_size - RELEASE_TRAILER_SIZE, RELEASE_TRAILER_SIZE, trailer) != 0) {
+  } else if (read_at(fd, st.st_size - RELEASE_TRAILER_SIZE, trailer, sizeof trailer) != 0) {
     rc = refuse(why, why_size, "cannot read %s: %s", image_path, strerror(errno));
   } else {
-    uint32_t len = get_be(trailer, 0, RELEASE_TRAILER_SIZE);
+    uint32_t len = get_be(trailer, RELEASE_TRAILER_SIZE);
     off_t room = st.st_size - RELEASE_TRAILER_SIZE;
     if (len < RELEASE_HEADER_SIZE || len > RELEASE_PACKAGE_MAX || static_cast<off_t>(len) > room)
       rc = refuse(why, why_size, "no release package appended to %s", image_path);
     else if (read_span(fd, room - static_cast<off_t>(len), len, pkg) != 0)
       rc = refuse(why, why_size, "cannot read %s: %s", image_path, strerror(errno));
-    else if (pkg.compare(0, RELEASE_MAGIC_SIZE, RELEASE_MAGIC) != 0)
+    else if (memcmp(pkg->data, RELEASE_MAGIC, RELEASE_MAGIC_SIZE) != 0)
       rc = refuse(why, why_size, "no release package appended to %s", image_path);
   }
   close(fd);
-  if (rc != 0) pkg.clear();
+  if (rc != 0) pkg->len = 0;
   return rc;
 }
 
-int release_package_of_file(const char *path, std::string &pkg, char *why, size_t why_size) {
-  pkg.clear();
+int release_package_of_file(const char *path, ReleaseBytes *pkg, char *why, size_t why_size) {
+  pkg->len = 0;
   if (path == nullptr) return refuse(why, why_size, "no package file named");
   int rc = slurp_at(AT_FDCWD, path, RELEASE_PACKAGE_MAX, pkg);
   if (rc == 1) return refuse(why, why_size, "%s is no regular file", path);
   if (rc != 0 && errno == EFBIG)
     return refuse(why, why_size, "%s is larger than %d bytes", path, RELEASE_PACKAGE_MAX);
   if (rc != 0) return refuse(why, why_size, "cannot read %s: %s", path, strerror(errno));
-  if (pkg.empty()) return refuse(why, why_size, "%s is empty", path);
+  if (pkg->len == 0) return refuse(why, why_size, "%s is empty", path);
   return 0;
 }
 
-// release_verify that also gives the entries.
-static int open_package(const std::string &pkg, std::string &archive,
-                        std::vector<Entry> &entries, ReleaseCount *count, char *why,
-                        size_t why_size) {
-  archive.clear();
-  size_t size = pkg.size();
-  if (size <= RELEASE_HEADER_SIZE + RELEASE_SIG_SIZE + RELEASE_TAG_SIZE)
-    return refuse(why, why_size, "release package too short (%zu bytes)", size);
-  if (size > RELEASE_PACKAGE_MAX)
-    return refuse(why, why_size, "release package larger than %d bytes", RELEASE_PACKAGE_MAX);
-  if (pkg.compare(0, RELEASE_MAGIC_SIZE, RELEASE_MAGIC) != 0)
-    return refuse(why, why_size, "not a release package");
-  if (pkg[RELEASE_MAGIC_SIZE] != RELEASE_VERSION)
-    return refuse(why, why_size, "release package of unknown version %d",
-                  static_cast<unsigned char>(pkg[RELEASE_MAGIC_SIZE]));
-  size_t n = size - RELEASE_HEADER_SIZE - RELEASE_TAG_SIZE;
-  std::string plain(n, '\0');
-  const unsigned char *header = bytes_of(pkg);
-  // The tag is only read when deciphering.
-  if (run_gcm(0, header, header + RELEASE_HEADER_SIZE, n,
-              reinterpret_cast<unsigned char *>(&plain[0]),
-              const_cast<unsigned char *>(header + RELEASE_HEADER_SIZE + n)) != 0)
-    return refuse(why, why_size, "release package does not decipher (changed, cut or foreign)");
+// The signed part of the deciphered plain text (size bytes): the signature
+// checked, the archive inflated into archive and split into entries.
+static int open_plain(const unsigned char *plain, size_t size, ReleaseBytes *archive,
+                      Entries *entries, ReleaseCount *count, char *why, size_t why_size) {
   EVP_PKEY *key = load_verify_key();
   if (key == nullptr) return refuse(why, why_size, "the compiled-in verify key does not load");
-  std::string packed = plain.substr(RELEASE_SIG_SIZE);
-  int good = signature_holds(key, signed_bytes(packed), bytes_of(plain));
+  const unsigned char *packed = plain + RELEASE_SIG_SIZE;
+  size_t packed_len = size - RELEASE_SIG_SIZE;
+  ReleaseBytes msg = {nullptr, 0, 0};
+  int good = signed_bytes(packed, packed_len, &msg) == 0 && signature_holds(key, &msg, plain);
+  release_bytes_free(&msg);
   EVP_PKEY_free(key);
   if (!good) return refuse(why, why_size, "release package signature does not verify");
-  if (inflate_bounded(bytes_of(packed), packed.size(), archive, why, why_size) != 0) return -1;
+  if (inflate_bounded(packed, packed_len, archive, why, why_size) != 0) return -1;
   if (parse_archive(archive, entries, count, why, why_size) != 0) {
-    archive.clear();
+    archive->len = 0;
     return -1;
   }
   return 0;
 }
 
-int release_verify(const std::string &pkg, std::string &archive, ReleaseCount *count,
-                   char *why, size_t why_size) {
-  std::vector<Entry> entries;
-  return open_package(pkg, archive, entries, count, why, why_size);
+// release_verify that also gives the entries (entries->list is the caller's
+// to free, whatever the result).
+static int open_package(const unsigned char *pkg, size_t size, ReleaseBytes *archive,
+                        Entries *entries, ReleaseCount *count, char *why, size_t why_size) {
+  archive->len = 0;
+  entries->count = 0;
+  if (size <= RELEASE_HEADER_SIZE + RELEASE_SIG_SIZE + RELEASE_TAG_SIZE)
+    return refuse(why, why_size, "release package too short (%zu bytes)", size);
+  if (size > RELEASE_PACKAGE_MAX)
+    return refuse(why, why_size, "release package larger than %d bytes", RELEASE_PACKAGE_MAX);
+  if (memcmp(pkg, RELEASE_MAGIC, RELEASE_MAGIC_SIZE) != 0)
+    return refuse(why, why_size, "not a release package");
+  if (pkg[RELEASE_MAGIC_SIZE] != RELEASE_VERSION)
+    return refuse(why, why_size, "release package of unknown version %d", pkg[RELEASE_MAGIC_SIZE]);
+  size_t n = size - RELEASE_HEADER_SIZE - RELEASE_TAG_SIZE;
+  if (entries->list == nullptr)
+    entries->list = static_cast<Entry *>(calloc(RELEASE_ENTRY_MAX, sizeof(Entry)));
+  unsigned char *plain = static_cast<unsigned char *>(malloc(n));
+  if (entries->list == nullptr || plain == nullptr) {
+    free(plain);
+    return refuse(why, why_size, "no memory for a package of %zu bytes", size);
+  }
+  // The tag is only read when deciphering.
+  int rc = run_gcm(0, pkg, pkg + RELEASE_HEADER_SIZE, n, plain,
+                   const_cast<unsigned char *>(pkg + RELEASE_HEADER_SIZE + n)) == 0
+               ? open_plain(plain, n, archive, entries, count, why, why_size)
+               : refuse(why, why_size, "release package does not decipher (changed, cut or foreign)");
+  free(plain);
+  return rc;
+}
+
+int release_verify(const unsigned char *pkg, size_t pkg_len, ReleaseBytes *archive,
+                   ReleaseCount *count, char *why, size_t why_size) {
+  Entries entries = {nullptr, 0};
+  int rc = open_package(pkg, pkg_len, archive, &entries, count, why, why_size);
+  free(entries.list);
+  return rc;
 }
 
 // ---- sealing and packing (build host) ---------------------------------------------
 
-static int seal_with(EVP_PKEY *key, const std::string &archive, std::string &pkg, char *why,
+// The signature and the compressed archive into plain, then enciphered
+// into pkg.
+static int seal_into(EVP_PKEY *key, const unsigned char *archive, size_t archive_len,
+                     ReleaseBytes *plain, ReleaseBytes *msg, ReleaseBytes *pkg, char *why,
                      size_t why_size) {
-  pkg.clear();
-  uLongf packed_len = compressBound(archive.size());
-  std::string packed(packed_len, '\0');
-  if (compress2(reinterpret_cast<Bytef *>(&packed[0]), &packed_len, bytes_of(archive),
-                archive.size(), Z_BEST_COMPRESSION) != Z_OK)
+  uLongf packed_len = compressBound(archive_len);
+  if (bytes_reserve(plain, RELEASE_SIG_SIZE + packed_len) != 0)
+    return refuse(why, why_size, "no memory to seal %zu bytes", archive_len);
+  if (compress2(plain->data + RELEASE_SIG_SIZE, &packed_len, archive, archive_len,
+                Z_BEST_COMPRESSION) != Z_OK)
     return refuse(why, why_size, "compression failed");
-  packed.resize(packed_len);
-  size_t n = RELEASE_SIG_SIZE + packed.size();
+  size_t n = RELEASE_SIG_SIZE + packed_len;
+  plain->len = n;
   if (RELEASE_HEADER_SIZE + n + RELEASE_TAG_SIZE > RELEASE_PACKAGE_MAX)
     return refuse(why, why_size, "release package would be %zu bytes, more than %d",
                   RELEASE_HEADER_SIZE + n + RELEASE_TAG_SIZE, RELEASE_PACKAGE_MAX);
-  std::string plain(RELEASE_SIG_SIZE, '\0');
-  if (sign_bytes(key, signed_bytes(packed), reinterpret_cast<unsigned char *>(&plain[0])) != 0)
+  if (signed_bytes(plain->data + RELEASE_SIG_SIZE, packed_len, msg) != 0 ||
+      sign_bytes(key, msg, plain->data) != 0)
     return refuse(why, why_size, "signing failed");
-  plain += packed;
   unsigned char header[RELEASE_HEADER_SIZE] = {0};
   memcpy(header, RELEASE_MAGIC, RELEASE_MAGIC_SIZE);
   header[RELEASE_MAGIC_SIZE] = RELEASE_VERSION;
   unsigned char digest[SHA256_SIZE] = {0};
-  sha256_digest(bytes_of(plain), plain.size(), digest);
+  sha256_digest(plain->data, n, digest);
   memcpy(header + RELEASE_NONCE_OFFSET, digest, RELEASE_NONCE_SIZE);
-  pkg.assign(reinterpret_cast<const char *>(header), sizeof header);
-  pkg.resize(RELEASE_HEADER_SIZE + n + RELEASE_TAG_SIZE);
-  unsigned char *out = reinterpret_cast<unsigned char *>(&pkg[0]);
-  if (run_gcm(1, header, bytes_of(plain), n, out + RELEASE_HEADER_SIZE,
-              out + RELEASE_HEADER_SIZE + n) != 0) {
-    pkg.clear();
+  if (bytes_reserve(pkg, RELEASE_HEADER_SIZE + n + RELEASE_TAG_SIZE) != 0)
+    return refuse(why, why_size, "no memory for the package");
+  memcpy(pkg->data, header, sizeof header);
+  unsigned char *out = pkg->data;
+  if (run_gcm(1, header, plain->data, n, out + RELEASE_HEADER_SIZE,
+              out + RELEASE_HEADER_SIZE + n) != 0)
     return refuse(why, why_size, "encipher failed");
-  }
+  pkg->len = RELEASE_HEADER_SIZE + n + RELEASE_TAG_SIZE;
   return 0;
 }
 
-int release_seal(const std::string &archive, const char *signing_key_pem_path,
-                 std::string &pkg, char *why, size_t why_size) {
+static int seal_with(EVP_PKEY *key, const unsigned char *archive, size_t archive_len,
+                     ReleaseBytes *pkg, char *why, size_t why_size) {
+  pkg->len = 0;
+  ReleaseBytes plain = {nullptr, 0, 0}, msg = {nullptr, 0, 0};
+  int rc = seal_into(key, archive, archive_len, &plain, &msg, pkg, why, why_size);
+  release_bytes_free(&plain);
+  release_bytes_free(&msg);
+  return rc;
+}
+
+int release_seal(const unsigned char *archive, size_t archive_len,
+                 const char *signing_key_pem_path, ReleaseBytes *pkg, char *why,
+                 size_t why_size) {
+  pkg->len = 0;
   EVP_PKEY *key = load_signing_key(signing_key_pem_path);
   if (key == nullptr)
     return refuse(why, why_size, "no Ed25519 private key in %s",
                   signing_key_pem_path != nullptr ? signing_key_pem_path : "(none)");
-  int rc = seal_with(key, archive, pkg, why, why_size);
+  int rc = seal_with(key, archive, archive_len, pkg, why, why_size);
   EVP_PKEY_free(key);
   return rc;
 }
 
 struct PackItem {
-  std::string path;
+  char path[ENTRY_PATH_SIZE];
   char type;
 };
 
-// Lists what lies below top/prefix into items; anything but regular files
+// What the folder holds, RELEASE_ENTRY_MAX items at most (on the heap).
+struct PackList {
+  PackItem *items;
+  size_t count;
+};
+
+// Lists what lies below top/prefix into list; anything but regular files
 // and folders is refused, links included.
-static int list_tree(const char *top, const std::string &prefix, std::vector<PackItem> &items,
-                     char *why, size_t why_size) {
-  std::string here = prefix.empty() ? std::string(top) : std::string(top) + "/" + prefix;
-  DIR *dir = opendir(here.c_str());
-  if (dir == nullptr) return refuse(why, why_size, "cannot open %s: %s", here.c_str(), strerror(errno));
+static int list_tree(const char *top, const char *prefix, PackList *list, char *why,
+                     size_t why_size) {
+  char here[PACK_PATH_SIZE];
+  int n = prefix[0] == '\0' ? snprintf(here, sizeof here, "%s", top)
+                            : snprintf(here, sizeof here, "%s/%s", top, prefix);
+  if (n < 0 || static_cast<size_t>(n) >= sizeof here)
+    return refuse(why, why_size, "%s/%s: path too long", top, prefix);
+  DIR *dir = opendir(here);
+  if (dir == nullptr) return refuse(why, why_size, "cannot open %s: %s", here, strerror(errno));
   int rc = 0;
   struct dirent *de;
   while (rc == 0 && (de = readdir(dir)) != nullptr) {
     if (strcmp(de->d_name, ".") == 0 || strcmp(de->d_name, "..") == 0) continue;
-    std::string rel = prefix.empty() ? std::string(de->d_name) : prefix + "/" + de->d_name;
-    const char *reason = bad_path(rel.data(), rel.size());
+    char rel[ENTRY_PATH_SIZE];
+    n = prefix[0] == '\0' ? snprintf(rel, sizeof rel, "%s", de->d_name)
+                          : snprintf(rel, sizeof rel, "%s/%s", prefix, de->d_name);
+    int fits = n >= 0 && static_cast<size_t>(n) < sizeof rel;
+    const char *reason = fits ? bad_path(rel, static_cast<size_t>(n)) : nullptr;
     struct stat st;
-    if (reason != nullptr)
-      rc = refuse(why, why_size, "%s/%s: %s", top, rel.c_str(), reason);
-    else if (items.size() == RELEASE_ENTRY_MAX)
+    if (!fits)
+      rc = refuse(why, why_size, "%s/%s/%s: path length out of range", top, prefix, de->d_name);
+    else if (reason != nullptr)
+      rc = refuse(why, why_size, "%s/%s: %s", top, rel, reason);
+    else if (list->count == RELEASE_ENTRY_MAX)
       rc = refuse(why, why_size, "more than %d entries in %s", RELEASE_ENTRY_MAX, top);
     else if (fstatat(dirfd(dir), de->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0)
-      rc = refuse(why, why_size, "cannot stat %s/%s: %s", top, rel.c_str(), strerror(errno));
-    else if (S_ISREG(st.st_mode))
-      items.push_back({rel, 'f'});
-    else if (!S_ISDIR(st.st_mode))
-      rc = refuse(why, why_size, "%s/%s is neither a regular file nor a folder", top, rel.c_str());
+      rc = refuse(why, why_size, "cannot stat %s/%s: %s", top, rel, strerror(errno));
+    else if (!S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode))
+      rc = refuse(why, why_size, "%s/%s is neither a regular file nor a folder", top, rel);
     else {
-      items.push_back({rel, 'd'});
-      rc = list_tree(top, rel, items, why, why_size);
+      PackItem *item = &list->items[list->count++];
+      memcpy(item->path, rel, static_cast<size_t>(n) + 1);
+      item->type = S_ISREG(st.st_mode) ? 'f' : 'd';
+      if (item->type == 'd') rc = list_tree(top, rel, list, why, why_size);
     }
   }
   closedir(dir);
   return rc;
 }
 
-int release_pack_dir(const char *dir, const char *signing_key_pem_path, std::string &pkg,
-                     char *why, size_t why_size) {
-  pkg.clear();
-  if (dir == nullptr) return refuse(why, why_size, "no folder named");
-  std::vector<PackItem> items;
-  if (list_tree(dir, "", items, why, why_size) != 0) return -1;
-  std::sort(items.begin(), items.end(),
-            [](const PackItem &a, const PackItem &b) { return a.path < b.path; });
-  std::string archive, data;
-  for (const PackItem &item : items) {
-    data.clear();
-    std::string full = std::string(dir) + "/" + item.path;
-    int rc = item.type == 'f' ? slurp_at(AT_FDCWD, full.c_str(), RELEASE_ARCHIVE_MAX, data) : 0;
-    if (rc == 1) return refuse(why, why_size, "%s changed while it was packed", full.c_str());
-    if (rc != 0) return refuse(why, why_size, "cannot read %s: %s", full.c_str(), strerror(errno));
-    archive.push_back(item.type);
-    put_be(archive, static_cast<uint32_t>(item.path.size()), 2);
-    archive += item.path;
-    put_be(archive, static_cast<uint32_t>(data.size()), ENTRY_SIZE_FIELD);
-    archive += data;
-    if (archive.size() > RELEASE_ARCHIVE_MAX)
+static int by_path(const void *a, const void *b) {
+  return strcmp(static_cast<const PackItem *>(a)->path, static_cast<const PackItem *>(b)->path);
+}
+
+// The archive of the listed items, read from dir, into archive (data is
+// scratch for one file).
+static int build_archive(const char *dir, const PackList *list, ReleaseBytes *archive,
+                         ReleaseBytes *data, char *why, size_t why_size) {
+  for (size_t i = 0; i < list->count; i++) {
+    const PackItem &item = list->items[i];
+    char full[PACK_PATH_SIZE];
+    int n = snprintf(full, sizeof full, "%s/%s", dir, item.path);
+    if (n < 0 || static_cast<size_t>(n) >= sizeof full)
+      return refuse(why, why_size, "%s/%s: path too long", dir, item.path);
+    data->len = 0;
+    int rc = item.type == 'f' ? slurp_at(AT_FDCWD, full, RELEASE_ARCHIVE_MAX, data) : 0;
+    if (rc == 1) return refuse(why, why_size, "%s changed while it was packed", full);
+    if (rc != 0) return refuse(why, why_size, "cannot read %s: %s", full, strerror(errno));
+    size_t path_len = strlen(item.path);
+    if (bytes_append(archive, &item.type, 1) != 0 ||
+        put_be(archive, static_cast<uint32_t>(path_len), 2) != 0 ||
+        bytes_append(archive, item.path, path_len) != 0 ||
+        put_be(archive, static_cast<uint32_t>(data->len), ENTRY_SIZE_FIELD) != 0 ||
+        bytes_append(archive, data->data, data->len) != 0)
+      return refuse(why, why_size, "no memory to pack %s", dir);
+    if (archive->len > RELEASE_ARCHIVE_MAX)
       return refuse(why, why_size, "%s holds more than %d bytes", dir, RELEASE_ARCHIVE_MAX);
   }
+  return 0;
+}
+
+// Seals the archive into pkg and reads it back as a device would.
+static int seal_checked(const ReleaseBytes *archive, const char *signing_key_pem_path,
+                        ReleaseBytes *pkg, ReleaseBytes *back, char *why, size_t why_size) {
   EVP_PKEY *key = load_signing_key(signing_key_pem_path);
   if (key == nullptr)
     return refuse(why, why_size, "no Ed25519 private key in %s",
@@ -594,7 +726,7 @@ int release_pack_dir(const char *dir, const char *signing_key_pem_path, std::str
   EVP_PKEY *verify_key = load_verify_key();
   // A package the devices would refuse must never leave the build.
   int rc = verify_key != nullptr && EVP_PKEY_eq(key, verify_key) == 1
-               ? seal_with(key, archive, pkg, why, why_size)
+               ? seal_with(key, archive->data, archive->len, pkg, why, why_size)
                : refuse(why, why_size,
                         "signing key %s does not match the verify key compiled into mox_conf "
                         "(MOX_RELEASE_VERIFY_KEY)",
@@ -602,13 +734,32 @@ int release_pack_dir(const char *dir, const char *signing_key_pem_path, std::str
   EVP_PKEY_free(verify_key);
   EVP_PKEY_free(key);
   if (rc != 0) return -1;
-  std::string back;
   char inner[RELEASE_WHY_SIZE] = {0};
-  if (release_verify(pkg, back, nullptr, inner, sizeof inner) != 0 || back != archive) {
-    pkg.clear();
+  if (release_verify(pkg->data, pkg->len, back, nullptr, inner, sizeof inner) != 0 ||
+      back->len != archive->len || memcmp(back->data, archive->data, archive->len) != 0)
     return refuse(why, why_size, "the packed release does not verify: %s", inner);
-  }
   return 0;
+}
+
+int release_pack_dir(const char *dir, const char *signing_key_pem_path, ReleaseBytes *pkg,
+                     char *why, size_t why_size) {
+  pkg->len = 0;
+  if (dir == nullptr) return refuse(why, why_size, "no folder named");
+  PackList list = {static_cast<PackItem *>(calloc(RELEASE_ENTRY_MAX, sizeof(PackItem))), 0};
+  if (list.items == nullptr) return refuse(why, why_size, "no memory to list %s", dir);
+  ReleaseBytes archive = {nullptr, 0, 0}, data = {nullptr, 0, 0}, back = {nullptr, 0, 0};
+  int rc = list_tree(dir, "", &list, why, why_size);
+  if (rc == 0) {
+    qsort(list.items, list.count, sizeof(PackItem), by_path);
+    rc = build_archive(dir, &list, &archive, &data, why, why_size);
+  }
+  if (rc == 0) rc = seal_checked(&archive, signing_key_pem_path, pkg, &back, why, why_size);
+  if (rc != 0) pkg->len = 0;
+  free(list.items);
+  release_bytes_free(&archive);
+  release_bytes_free(&data);
+  release_bytes_free(&back);
+  return rc;
 }
 
 // ---- installing -------------------------------------------------------------------
@@ -616,8 +767,8 @@ int release_pack_dir(const char *dir, const char *signing_key_pem_path, std::str
 // Creates path below dfd as a new file (never through a link, never over
 // anything) with mode RELEASE_FILE_MODE whatever the umask, written in full
 // and synced. shown names dfd in the reason.
-static int new_file(int dfd, const char *shown, const char *path, const char *data, size_t len,
-                    char *why, size_t why_size) {
+static int new_file(int dfd, const char *shown, const char *path, const unsigned char *data,
+                    size_t len, char *why, size_t why_size) {
   int fd = openat(dfd, path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
                   RELEASE_FILE_MODE);
   if (fd < 0) return refuse(why, why_size, "cannot create %s/%s: %s", shown, path, strerror(errno));
@@ -649,53 +800,54 @@ static int sync_folder(int dfd, const char *shown, const char *path, char *why, 
 }
 
 // Copies the keep files that the old folder (old_dfd) has and the package
-// does not bring into the new folder (dfd).
+// does not bring into the new folder (dfd); data is scratch for one file.
 static int carry_over(int old_dfd, int dfd, const char *shown, const char *target,
-                      const char *const *keep, const std::string &archive,
-                      const std::vector<Entry> &entries, char *why, size_t why_size) {
+                      const char *const *keep, const ReleaseBytes *archive,
+                      const Entries *entries, ReleaseBytes *data, char *why, size_t why_size) {
   for (const char *const *k = keep; *k != nullptr; k++) {
     size_t len = strlen(*k);
-    if (find_entry(archive, entries, entries.size(), *k, len) >= 0) continue;
+    if (find_entry(archive, entries, entries->count, *k, len) >= 0) continue;
     // A generated file whose folder the new release lacks has no place in it.
-    if (!folder_present(archive, entries, entries.size(), *k, len)) continue;
-    std::string data;
+    if (!folder_present(archive, entries, entries->count, *k, len)) continue;
     int rc = slurp_at(old_dfd, *k, RELEASE_ARCHIVE_MAX, data);
     if (rc == 1) continue;
     if (rc != 0) return refuse(why, why_size, "cannot read %s/%s: %s", target, *k, strerror(errno));
-    if (new_file(dfd, shown, *k, data.data(), data.size(), why, why_size) != 0) return -1;
+    if (new_file(dfd, shown, *k, data->data, data->len, why, why_size) != 0) return -1;
   }
   return 0;
 }
 
 // Fills the fresh folder from the archive and the old target.
-static int fill_folder(const char *fresh, const std::string &archive,
-                       const std::vector<Entry> &entries, const char *target, int old_exists,
-                       const char *const *keep, char *why, size_t why_size) {
+static int fill_folder(const char *fresh, const ReleaseBytes *archive, const Entries *entries,
+                       const char *target, int old_exists, const char *const *keep, char *why,
+                       size_t why_size) {
   int dfd = open(fresh, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   if (dfd < 0) return refuse(why, why_size, "cannot open %s: %s", fresh, strerror(errno));
   // mkdtemp made it 0700.
   int rc = fchmod(dfd, RELEASE_FOLDER_MODE) == 0
                ? 0
                : refuse(why, why_size, "cannot set up %s: %s", fresh, strerror(errno));
-  for (size_t i = 0; rc == 0 && i < entries.size(); i++) {
-    const Entry &e = entries[i];
-    std::string path = archive.substr(e.path_at, e.path_len);
-    rc = e.type == 'd' ? new_folder(dfd, fresh, path.c_str(), why, why_size)
-                       : new_file(dfd, fresh, path.c_str(), archive.data() + e.data_at,
-                                  e.data_len, why, why_size);
+  char path[ENTRY_PATH_SIZE];
+  for (size_t i = 0; rc == 0 && i < entries->count; i++) {
+    const Entry &e = entries->list[i];
+    entry_path(archive, e, path);
+    rc = e.type == 'd' ? new_folder(dfd, fresh, path, why, why_size)
+                       : new_file(dfd, fresh, path, archive->data + e.data_at, e.data_len, why,
+                                  why_size);
   }
   if (rc == 0 && old_exists && keep != nullptr) {
     int old_dfd = open(target, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    rc = old_dfd >= 0 ? carry_over(old_dfd, dfd, fresh, target, keep, archive, entries, why,
-                                   why_size)
+    ReleaseBytes data = {nullptr, 0, 0};
+    rc = old_dfd >= 0 ? carry_over(old_dfd, dfd, fresh, target, keep, archive, entries, &data,
+                                   why, why_size)
                       : refuse(why, why_size, "cannot open %s: %s", target, strerror(errno));
+    release_bytes_free(&data);
     if (old_dfd >= 0) close(old_dfd);
   }
   // Folders are synced once every name in them is final.
-  for (size_t i = 0; rc == 0 && i < entries.size(); i++)
-    if (entries[i].type == 'd')
-      rc = sync_folder(dfd, fresh, archive.substr(entries[i].path_at, entries[i].path_len).c_str(),
-                       why, why_size);
+  for (size_t i = 0; rc == 0 && i < entries->count; i++)
+    if (entries->list[i].type == 'd')
+      rc = sync_folder(dfd, fresh, entry_path(archive, entries->list[i], path), why, why_size);
   if (rc == 0 && fsync(dfd) != 0)
     rc = refuse(why, why_size, "cannot sync %s: %s", fresh, strerror(errno));
   close(dfd);
@@ -719,17 +871,10 @@ static int sync_parent(const char *target) {
   return rc;
 }
 
-int release_install(const std::string &pkg, const char *target, const char *const *keep,
-                    ReleaseCount *count, char *why, size_t why_size) {
-  if (target == nullptr || target[0] == '\0') return refuse(why, why_size, "no target folder");
-  for (const char *const *k = keep; k != nullptr && *k != nullptr; k++) {
-    const char *reason = bad_path(*k, strlen(*k));
-    if (reason != nullptr) return refuse(why, why_size, "kept file %s: %s", *k, reason);
-  }
-  std::string archive;
-  std::vector<Entry> entries;
-  if (open_package(pkg, archive, entries, count, why, why_size) != 0) return -1;
-
+// Swaps a fresh folder, filled from the verified archive, into place.
+static int install_archive(const ReleaseBytes *archive, const Entries *entries,
+                           const char *target, const char *const *keep, char *why,
+                           size_t why_size) {
   struct stat st;
   int old_exists = lstat(target, &st) == 0;
   if (!old_exists && errno != ENOENT)
@@ -757,4 +902,20 @@ int release_install(const std::string &pkg, const char *target, const char *cons
   if (old_exists && remove_all(fresh) != 0) DLOG_ERROR("old release left in %s", fresh);
   if (sync_parent(target) != 0) DLOG_ERROR("cannot sync the folder holding %s", target);
   return 0;
+}
+
+int release_install(const unsigned char *pkg, size_t pkg_len, const char *target,
+                    const char *const *keep, ReleaseCount *count, char *why, size_t why_size) {
+  if (target == nullptr || target[0] == '\0') return refuse(why, why_size, "no target folder");
+  for (const char *const *k = keep; k != nullptr && *k != nullptr; k++) {
+    const char *reason = bad_path(*k, strlen(*k));
+    if (reason != nullptr) return refuse(why, why_size, "kept file %s: %s", *k, reason);
+  }
+  ReleaseBytes archive = {nullptr, 0, 0};
+  Entries entries = {nullptr, 0};
+  int rc = open_package(pkg, pkg_len, &archive, &entries, count, why, why_size);
+  if (rc == 0) rc = install_archive(&archive, &entries, target, keep, why, why_size);
+  free(entries.list);
+  release_bytes_free(&archive);
+  return rc;
 }

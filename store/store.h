@@ -4,8 +4,6 @@
 
 #include <stddef.h>
 
-#include <string>
-
 #define STORE_PATH "/media/nand/mox_data/mox_conf.dat"
 #define STORE_PARENT_DIR "/media/nand"
 #define STORE_DIR STORE_PARENT_DIR "/mox_data"
@@ -32,12 +30,12 @@ int sec_read_conf(char *buf, int *length);
 
 // Why the last read (by sec_read_conf or sec_write_conf) found the store
 // unreadable, as the log says it; "" when that read went through.
+const char *sec_conf_problem(void);
+
 // STORE_DIR and its parent, made when missing with modes that no umask
 // can open to others: the store's folder (and the device key in it) is
 // root's alone. 0, or -1 with errno set.
 int make_store_dir(void);
-
-const char *sec_conf_problem(void);
 
 // Replaces the stored text atomically: a power cut leaves the old or the
 // new text. 0 on success; -1 for a text over STORE_TEXT_MAX bytes, a store
@@ -85,41 +83,53 @@ struct ReleaseCount {
 // (STORE_KEY_SIZE bytes); each use names its own info. 0, or -1 (key wiped).
 int store_token_key(const char *salt, const char *info, unsigned char *key);
 
+// Bytes on the heap. A zeroed one is empty; the calls below that fill one
+// replace what it held, and release_bytes_free gives the memory back.
+struct ReleaseBytes {
+  unsigned char *data;
+  size_t len;
+  size_t room;   // bytes allocated
+};
+
+// Frees bytes and leaves it empty; a null or empty one is fine.
+void release_bytes_free(ReleaseBytes *bytes);
+
 // The package appended to the image at image_path, into pkg: the last
 // RELEASE_TRAILER_SIZE bytes give its length. -1 when the file does not
 // read, the trailer is missing or out of range, or no package header sits
-// where it points ("no release package appended to ...").
-int release_package_of_image(const char *image_path, std::string &pkg, char *why,
+// where it points ("no release package appended to ..."); pkg is then empty.
+int release_package_of_image(const char *image_path, ReleaseBytes *pkg, char *why,
                              size_t why_size);
 
 // The package file at path, whole, into pkg; -1 for anything but a regular
 // file of 1 to RELEASE_PACKAGE_MAX bytes, or a read failure.
-int release_package_of_file(const char *path, std::string &pkg, char *why, size_t why_size);
+int release_package_of_file(const char *path, ReleaseBytes *pkg, char *why, size_t why_size);
 
-// Checks pkg through and through: header, cipher tag, signature against the
-// compiled-in verify key, bounded inflate, and every archive entry. 0 with
-// the archive in archive and, with count, what it holds; -1 otherwise
-// (archive then holds nothing trustworthy).
-int release_verify(const std::string &pkg, std::string &archive, ReleaseCount *count,
-                   char *why, size_t why_size);
+// Checks the package (pkg_len bytes at pkg) through and through: header,
+// cipher tag, signature against the compiled-in verify key, bounded
+// inflate, and every archive entry. 0 with the archive in archive and,
+// with count, what it holds; -1 otherwise (archive then empty).
+int release_verify(const unsigned char *pkg, size_t pkg_len, ReleaseBytes *archive,
+                   ReleaseCount *count, char *why, size_t why_size);
 
-// Verifies pkg and replaces the folder target with its contents: files
-// 0644, folders 0755. Each keep path (relative, NULL-terminated list; may
-// be NULL) that exists as a regular file in the old target and that the
-// package does not bring is carried over, when its folder is in the
+// Verifies the package and replaces the folder target with its contents:
+// files 0644, folders 0755. Each keep path (relative, NULL-terminated list;
+// may be NULL) that exists as a regular file in the old target and that
+// the package does not bring is carried over, when its folder is in the
 // package. 0 when the new folder is in place; -1 leaves target as it was.
-int release_install(const std::string &pkg, const char *target, const char *const *keep,
-                    ReleaseCount *count, char *why, size_t why_size);
+int release_install(const unsigned char *pkg, size_t pkg_len, const char *target,
+                    const char *const *keep, ReleaseCount *count, char *why, size_t why_size);
 
-// Seals archive (as release_verify gives it back) into pkg: compressed,
+// Seals the archive (as release_verify gives it back) into pkg: compressed,
 // signed with the Ed25519 private key in the PEM file, enciphered. The
 // entries are not checked. Same inputs, same bytes. -1 when the key does
 // not load or the package would exceed RELEASE_PACKAGE_MAX.
-int release_seal(const std::string &archive, const char *signing_key_pem_path,
-                 std::string &pkg, char *why, size_t why_size);
+int release_seal(const unsigned char *archive, size_t archive_len,
+                 const char *signing_key_pem_path, ReleaseBytes *pkg, char *why,
+                 size_t why_size);
 
 // Packs the folder dir (regular files and folders only, nothing else) into
 // pkg with release_seal, then checks pkg with release_verify. -1 also when
 // the signing key does not match the compiled-in verify key.
-int release_pack_dir(const char *dir, const char *signing_key_pem_path, std::string &pkg,
+int release_pack_dir(const char *dir, const char *signing_key_pem_path, ReleaseBytes *pkg,
                      char *why, size_t why_size);

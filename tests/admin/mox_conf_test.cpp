@@ -365,12 +365,13 @@ TEST_F(MoxConfTest, GenerationWritesWholeFilesOrFailsSayingWhich) {
   // Killed while the generator waits for an address that is not up: the
   // website file is the old one, whole, and no temporary file is left.
   ok({"proxy", "add", "late 10.9.9.9:8090 10.9.9.9:80"});
+  ProgramLine generate(sandbox_conf_path(), {"mox_conf", "generate", "nginx"});
   pid_t pid = fork();
   if (pid == 0) {
     int null_fd = open("/dev/null", O_WRONLY);
     dup2(null_fd, STDOUT_FILENO);
     dup2(null_fd, STDERR_FILENO);
-    execl(sandbox_conf_path(), "mox_conf", "generate", "nginx", (char *)nullptr);
+    generate.exec();
     _exit(127);
   }
   usleep(1500 * 1000);

@@ -61,8 +61,11 @@ class Confgen : public ::testing::Test {
   // One website line to its blocks; "stale" shows a result not cleared.
   int website(const char *text, std::string *result) {
     snprintf(line_, sizeof line_, "%s", text);
-    *result = "stale";
-    return generate_proxy_conf(line_, *result);
+    char block[PROXY_BLOCK_SIZE] = "stale";
+    int len = -1;
+    int rc = generate_proxy_conf(line_, block, &len);
+    *result = len >= 0 && (size_t)len == strlen(block) ? block : "<length mismatch>";
+    return rc;
   }
   char line_[PROXY_VALUE_SIZE];
 };
@@ -183,9 +186,8 @@ TEST_F(Confgen, WebsitesBeyondTheBufferAreLeftOut) {
   std::string lines;
   for (int i = 0; i < 85; i++) lines += "a 1 2\n";  // 509 characters as read
   set_store("proxy={\n" + lines + "}\n");
-  char one[] = "a 1 2";
   std::string block;
-  ASSERT_EQ(generate_proxy_conf(one, block), 0);
+  ASSERT_EQ(website("a 1 2", &block), 0);
   size_t fit = STORED_TEXT_SIZE / block.size();
   ASSERT_LT(fit, 85u);
   EXPECT_EQ(generate_data(DATA_PROXY, nullptr), 0);

@@ -34,10 +34,10 @@ TEST(Address, EndpointSplitsOrRefusesEachForm) {
       {"[fe80::1%br0]", -2, "", "", ""},
   };
   for (const Case &c : cases) {
-    std::string scheme = "old-s", host = "old-h", port = "old-p";
-    EXPECT_EQ(parse_endpoint(c.text, scheme, host, port), c.rc) << '"' << c.text << '"';
-    // A failure leaves the caller's strings alone.
-    EXPECT_EQ(scheme + " " + host + " " + port,
+    Endpoint e = {"old-s", "old-h", "old-p"};
+    EXPECT_EQ(parse_endpoint(c.text, &e), c.rc) << '"' << c.text << '"';
+    // A failure leaves the caller's fields alone.
+    EXPECT_EQ(std::string(e.scheme) + " " + e.host + " " + e.port,
               c.rc ? "old-s old-h old-p" : std::string(c.scheme) + " " + c.host + " " + c.port)
         << c.text;
   }

@@ -24,8 +24,14 @@ time_t utc(const char *text) {
 }
 
 // Time of a first line that does not scan: the zeroed calendar fields
-// less 1900 and 1 (30 Nov of year -1), cut to 32 bits.
-const int32_t UNSCANNED_FIRST_TIME = -2040441856;
+// less 1900 and 1 (30 Nov of year -1), cut to 32 bits; as timegm gives it
+// for the target's time_t (-2040441856 where it has 64 bits).
+const int32_t UNSCANNED_FIRST_TIME = [] {
+  struct tm t = {};
+  t.tm_year = -1900;
+  t.tm_mon = -1;
+  return (int32_t)timegm(&t);
+}();
 
 void put(const char *path, const std::string &text) {
   FILE *f = fopen(path, "w");

@@ -62,27 +62,37 @@ class PackageTest : public ::testing::Test {
   static std::string entry(char type, const std::string &path, const std::string &data = "") {
     return std::string(1, type) + be32(path.size()).substr(2) + path + be32(data.size()) + data;
   }
+  static const unsigned char *u(const std::string &s) {
+    return reinterpret_cast<const unsigned char *>(s.data());
+  }
+  static std::string taken(ReleaseBytes *b) {  // its bytes, and b freed
+    std::string out(reinterpret_cast<const char *>(b->data), b->len);
+    release_bytes_free(b);
+    return out;
+  }
   std::string pack() {
-    std::string pkg;
-    EXPECT_EQ(release_pack_dir(SOURCE, MOX_RELEASE_SIGNING_KEY, pkg, why_, sizeof why_), 0) << why_;
-    return pkg;
+    ReleaseBytes pkg = {};
+    EXPECT_EQ(release_pack_dir(SOURCE, MOX_RELEASE_SIGNING_KEY, &pkg, why_, sizeof why_), 0) << why_;
+    return taken(&pkg);
   }
   std::string seal(const std::string &archive, const char *key = MOX_RELEASE_SIGNING_KEY) {
-    std::string pkg;
-    EXPECT_EQ(release_seal(archive, key, pkg, why_, sizeof why_), 0) << why_;
-    return pkg;
+    ReleaseBytes pkg = {};
+    EXPECT_EQ(release_seal(u(archive), archive.size(), key, &pkg, why_, sizeof why_), 0) << why_;
+    return taken(&pkg);
   }
   char why_[RELEASE_WHY_SIZE] = {0};
 };
 
 TEST_F(PackageTest, InstallsTheReleaseWholeAndKeepsTheGeneratedFiles) {
-  std::string pkg = pack(), back;
+  std::string pkg = pack();
   EXPECT_EQ(pack(), pkg);  // reproducible: same inputs, same bytes
   put("/tmp/mox/image", "\177ELF program" + pkg + be32(pkg.size()));
-  ASSERT_EQ(release_package_of_image("/tmp/mox/image", back, why_, sizeof why_), 0) << why_;
-  EXPECT_EQ(back, pkg);
+  ReleaseBytes back = {};
+  ASSERT_EQ(release_package_of_image("/tmp/mox/image", &back, why_, sizeof why_), 0) << why_;
+  EXPECT_EQ(taken(&back), pkg);
   put("/tmp/mox/bare", "\177ELF program");
-  EXPECT_NE(release_package_of_image("/tmp/mox/bare", back, why_, sizeof why_), 0);
+  EXPECT_NE(release_package_of_image("/tmp/mox/bare", &back, why_, sizeof why_), 0);
+  EXPECT_EQ(taken(&back), "");
   EXPECT_NE(strstr(why_, "no release package appended"), nullptr) << why_;
 
   // An old release: a generated file to keep, a template to replace, a file to drop.
@@ -92,7 +102,7 @@ TEST_F(PackageTest, InstallsTheReleaseWholeAndKeepsTheGeneratedFiles) {
   put(TARGET "/stale", "gone");
   mode_t old_mask = umask(0);
   ReleaseCount count = {0, 0, 0};
-  int rc = release_install(pkg, TARGET, keep, &count, why_, sizeof why_);
+  int rc = release_install(u(pkg), pkg.size(), TARGET, keep, &count, why_, sizeof why_);
   umask(old_mask);
   ASSERT_EQ(rc, 0) << why_;
 
@@ -111,11 +121,14 @@ TEST_F(PackageTest, InstallsTheReleaseWholeAndKeepsTheGeneratedFiles) {
 }
 
 TEST_F(PackageTest, RefusesAlteredForeignAndHostilePackagesAndChangesNothing) {
-  std::string good = pack(), archive;
-  ASSERT_EQ(release_install(good, TARGET, keep, nullptr, why_, sizeof why_), 0) << why_;
+  std::string good = pack();
+  ASSERT_EQ(release_install(u(good), good.size(), TARGET, keep, nullptr, why_, sizeof why_), 0)
+      << why_;
   put(TARGET "/nginx/nginx.conf", "generated");
   const Tree before = tree(TARGET);
-  ASSERT_EQ(release_verify(good, archive, nullptr, why_, sizeof why_), 0) << why_;
+  ReleaseBytes opened = {};
+  ASSERT_EQ(release_verify(u(good), good.size(), &opened, nullptr, why_, sizeof why_), 0) << why_;
+  std::string archive = taken(&opened);
   EVP_PKEY *foreign = EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519");
   FILE *f = fopen(FOREIGN_KEY, "w");
   ASSERT_TRUE(foreign != nullptr && f != nullptr);
@@ -148,7 +161,8 @@ TEST_F(PackageTest, RefusesAlteredForeignAndHostilePackagesAndChangesNothing) {
                    "inflates past"});
   for (const Case &c : cases) {
     memset(why_, 0, sizeof why_);
-    EXPECT_EQ(release_install(c.pkg, TARGET, keep, nullptr, why_, sizeof why_), -1) << c.name;
+    EXPECT_EQ(release_install(u(c.pkg), c.pkg.size(), TARGET, keep, nullptr, why_, sizeof why_), -1)
+        << c.name;
     EXPECT_NE(strstr(why_, c.reason.c_str()), nullptr) << c.name << ": " << why_;
     EXPECT_EQ(tree(TARGET), before) << c.name;
     EXPECT_EQ(names("/tmp/mox"), (std::set<std::string>{"foreign.pem", "release"})) << c.name;

@@ -21,7 +21,9 @@ char conf_path[64];
 char logdecode_path[64];
 
 int fail(const char *what) {
-  std::snprintf(reason, sizeof reason, "%s: %s", what, std::strerror(errno));
+  // A reason cut to fit still names the step.
+  if (std::snprintf(reason, sizeof reason, "%s: %s", what, std::strerror(errno)) < 0)
+    reason[0] = '\0';
   return -1;
 }
 
@@ -41,15 +43,23 @@ int run(const std::string &cmd) {
 
 }  // namespace
 
+int under_emulator(void) {
+  const char *emulator = std::getenv("MOX_EMULATOR");
+  return emulator != nullptr && emulator[0] != '\0';
+}
+
 int sandbox_enter(void) {
   if (ready) return 0;
   // The daemon binary may live under /tmp, which is about to be hidden:
-  // hold it open and start it through /proc/self/fd.
-  int logd = open(MOX_LOGD_BINARY, O_RDONLY | O_CLOEXEC);
+  // hold it open and start it through /proc/self/fd. An emulator opens the
+  // program itself, after the exec has closed these: there the real paths
+  // serve, the build tree being bound back below.
+  int emulated = under_emulator();
+  int logd = emulated ? -1 : open(MOX_LOGD_BINARY, O_RDONLY | O_CLOEXEC);
   if (logd >= 0) std::snprintf(logd_path, sizeof logd_path, "/proc/self/fd/%d", logd);
-  int conf = open(MOX_CONF_BINARY, O_RDONLY | O_CLOEXEC);
+  int conf = emulated ? -1 : open(MOX_CONF_BINARY, O_RDONLY | O_CLOEXEC);
   if (conf >= 0) std::snprintf(conf_path, sizeof conf_path, "/proc/self/fd/%d", conf);
-  int logdecode = open(MOX_LOGDECODE_BINARY, O_RDONLY | O_CLOEXEC);
+  int logdecode = emulated ? -1 : open(MOX_LOGDECODE_BINARY, O_RDONLY | O_CLOEXEC);
   if (logdecode >= 0)
     std::snprintf(logdecode_path, sizeof logdecode_path, "/proc/self/fd/%d", logdecode);
 

@@ -31,6 +31,16 @@ int sandbox_wipe(const char *dir);
       GTEST_SKIP() << "private namespaces unavailable: " << sandbox_reason(); \
   } while (0)
 
+// 1 when the tests run under an emulator (MOX_EMULATOR set, as CTest does
+// in a cross build): the project's programs then start through it too.
+int under_emulator(void);
+
+// Skips the current test under the emulator, which lacks what it needs.
+#define SKIP_UNDER_EMULATOR(lacks)                                          \
+  do {                                                                      \
+    if (under_emulator()) GTEST_SKIP() << "qemu-user lacks " << (lacks);    \
+  } while (0)
+
 // Path through which the mox_logd binary can be executed inside the sandbox.
 const char *sandbox_logd_path(void);
 

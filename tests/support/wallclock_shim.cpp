@@ -30,11 +30,19 @@ void map_clock() {
   if (p != MAP_FAILED) shared_clock = static_cast<const volatile WallClock *>(p);
 }
 
+// A 32-bit target built with a 64-bit time_t (whose entry points below
+// then carry the library's 64-bit names) asks the kernel in its 64-bit call.
+#ifdef __USE_TIME_BITS64
+#define CLOCK_GETTIME_CALL SYS_clock_gettime64
+#else
+#define CLOCK_GETTIME_CALL SYS_clock_gettime
+#endif
+
 // The real wall clock, by the system call: the library's own entry points
 // are the ones replaced here.
 int64_t real_ns() {
   struct timespec ts = {0, 0};
-  syscall(SYS_clock_gettime, CLOCK_REALTIME, &ts);
+  syscall(CLOCK_GETTIME_CALL, CLOCK_REALTIME, &ts);
   return (int64_t)ts.tv_sec * 1000000000 + ts.tv_nsec;
 }
 
@@ -65,7 +73,7 @@ int gettimeofday(struct timeval *tv, void *tz) {
 
 int clock_gettime(clockid_t id, struct timespec *ts) {
   if (id != CLOCK_REALTIME && id != CLOCK_REALTIME_COARSE)
-    return (int)syscall(SYS_clock_gettime, id, ts);
+    return (int)syscall(CLOCK_GETTIME_CALL, id, ts);
   int64_t ns = fake_ns();
   ts->tv_sec = (time_t)(ns / 1000000000);
   ts->tv_nsec = (long)(ns % 1000000000);
