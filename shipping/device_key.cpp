@@ -22,14 +22,6 @@
 static EVP_PKEY *device_key;
 static unsigned char device_public[SHIP_SIGN_KEY_SIZE];
 
-static int no_passphrase(char *buf, int size, int rwflag, void *u) {
-  (void)buf;
-  (void)size;
-  (void)rwflag;
-  (void)u;
-  return -1;
-}
-
 // The Ed25519 key in path, or null when missing or not one.
 static EVP_PKEY *read_key(const char *path, int *missing) {
   char pem[KEY_PEM_MAX + 1];
@@ -39,7 +31,9 @@ static EVP_PKEY *read_key(const char *path, int *missing) {
   *missing = n < 0 && errno == ENOENT;
   if (n <= 0) return NULL;
   BIO *bio = BIO_new_mem_buf(pem, (int)n);
-  EVP_PKEY *key = bio != NULL ? PEM_read_bio_PrivateKey(bio, NULL, no_passphrase, NULL) : NULL;
+  // An empty passphrase: an enciphered key fails here instead of prompting
+  // on a terminal the daemon does not have.
+  EVP_PKEY *key = bio != NULL ? PEM_read_bio_PrivateKey(bio, NULL, NULL, (void *)"") : NULL;
   BIO_free(bio);
   OPENSSL_cleanse(pem, sizeof pem);
   if (key != NULL && EVP_PKEY_get_base_id(key) != EVP_PKEY_ED25519) {

@@ -336,6 +336,13 @@ TEST_F(LogdBlackbox, SecondInstanceIsRefusedAndARestartKeepsTheCounts) {
   expect_flushed({0, 1, 2, 1, 0, 1});
   EXPECT_EQ(read_file(kDeviceKey), device_key);
   EXPECT_EQ(key_line(), first_key);
+  // A key file that does not read is kept aside, never overwritten, and a new key made.
+  ASSERT_NE(stop_daemon(daemons_.back()), -1);
+  ASSERT_TRUE(write_text(kDeviceKey, "damaged"));
+  ASSERT_GT(start_daemon(), 0) << state();
+  EXPECT_EQ(read_file(std::string(kDeviceKey) + ".bad"), "damaged");
+  EXPECT_TRUE(wait_for([&] { return key_line().size() == first_key.size() && key_line() != first_key; },
+                       5)) << key_line();
 }
 
 TEST_F(LogdBlackbox, BurstOf100000IsCountedInFull) {
