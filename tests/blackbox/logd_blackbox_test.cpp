@@ -26,7 +26,7 @@ typedef std::vector<unsigned> Counts;  // internal, intrusion, automated, unauth
 std::vector<Counts> flushed() {
   std::vector<Counts> out(1, Counts(6, 0));
   for (const char *path : {kDayPath, kHourPath}) {
-    std::string text = read_file(path);
+    std::string text = slurp(path);
     out.push_back(Counts(6, 0));
     size_t at = 0;
     for (size_t nl; (nl = text.find('\n', at)) != std::string::npos; at = nl + 1) {
@@ -105,7 +105,7 @@ TEST_F(LogdBlackbox, StartsHoldsLockAndSocketsAndStopsOnSigterm) {
   pid_t pid = start_daemon();
   ASSERT_GT(pid, 0) << state();
   std::string pid_text = std::to_string(pid);
-  EXPECT_EQ(read_file(kLockPath), pid_text + std::string(1, '\0'));
+  EXPECT_EQ(slurp(kLockPath), pid_text + std::string(1, '\0'));
   // nginx's workers are other users: both sockets take datagrams from anyone.
   for (const char *sock : {kAttackSock, kAccessSock}) {
     struct stat st;
@@ -145,7 +145,7 @@ TEST_F(LogdBlackbox, ClassifiesAndCountsOutsideAndInsideSources) {
   EXPECT_TRUE(send_attack(foreign.substr(foreign.find("ATTACK=I:"))));
   ASSERT_TRUE(sync_daemon());
 
-  EXPECT_EQ(read_file(kStatPath), "13\n");
+  EXPECT_EQ(slurp(kStatPath), "13\n");
   EXPECT_EQ(count_of(router_, std::string(kOutsideLine) + '\0'), 8u);
   EXPECT_EQ(count_of(router_, std::string(kInsideLine) + '\0'), 5u);
   expect_flushed({5, 4, 3, 2, 2, 2});
@@ -154,19 +154,19 @@ TEST_F(LogdBlackbox, ClassifiesAndCountsOutsideAndInsideSources) {
 TEST_F(LogdBlackbox, RouterLineGoesToZvlogOrElseToSyslog) {
   REQUIRE_SANDBOX();
   ASSERT_TRUE(write_rzpz(kFastRzpz));
-  ASSERT_TRUE(write_text(kZvlog, ""));
+  ASSERT_TRUE(spill(kZvlog, ""));
   pid_t pid = start_daemon();
   ASSERT_GT(pid, 0) << state();
 
   EXPECT_TRUE(send_attack(record(kClass3)));
-  EXPECT_TRUE(wait_for([] { return read_file(kZvlog) == std::string(kOutsideLine) + '\0'; }, 5))
-      << read_file(kZvlog);
+  EXPECT_TRUE(wait_for([] { return slurp(kZvlog) == std::string(kOutsideLine) + '\0'; }, 5))
+      << slurp(kZvlog);
 
   // Without "Automatic" it still counts, and the device gets the empty line: a NUL.
-  ASSERT_TRUE(write_text(kZvlog, ""));
+  ASSERT_TRUE(spill(kZvlog, ""));
   EXPECT_TRUE(send_attack(record(kClass3, kOutside, "Manual Block")));
-  EXPECT_TRUE(wait_for([&] { return read_file(kZvlog) == std::string(1, '\0'); }, 5))
-      << read_file(kZvlog);
+  EXPECT_TRUE(wait_for([&] { return slurp(kZvlog) == std::string(1, '\0'); }, 5))
+      << slurp(kZvlog);
 
   // No device: the line goes to syslog as "MOXi".
   ASSERT_EQ(unlink(kZvlog), 0);
@@ -186,7 +186,7 @@ TEST_F(LogdBlackbox, RouterLineGoesToZvlogOrElseToSyslog) {
   EXPECT_EQ(priority & 7, 6) << text;
   EXPECT_NE(text.find("MOXi[" + std::to_string(pid) + "]: " + kOutsideLine), std::string::npos)
       << text;
-  EXPECT_EQ(read_file(kStatPath), "3\n");
+  EXPECT_EQ(slurp(kStatPath), "3\n");
 }
 
 TEST_F(LogdBlackbox, HostileDatagramsNeverStopTheDaemon) {
@@ -234,10 +234,10 @@ TEST_F(LogdBlackbox, HostileDatagramsNeverStopTheDaemon) {
   EXPECT_TRUE(in_log("sscanf error."));
   EXPECT_TRUE(in_log("sscanf src IP and port error."));
 
-  unsigned long before = std::strtoul(read_file(kStatPath).c_str(), nullptr, 10);
+  unsigned long before = std::strtoul(slurp(kStatPath).c_str(), nullptr, 10);
   EXPECT_TRUE(send_attack(record(kClass4)));
   ASSERT_TRUE(sync_daemon());
-  EXPECT_EQ(std::strtoul(read_file(kStatPath).c_str(), nullptr, 10), before + 1);
+  EXPECT_EQ(std::strtoul(slurp(kStatPath).c_str(), nullptr, 10), before + 1);
   // Its router line comes right after the previous sync's.
   std::string mark = "From source: sync" + std::to_string(sync_seq_ - 1) + ", port 1,";
   EXPECT_NE(router_.find(mark + '\0' + kOutsideLine + '\0'), std::string::npos);
@@ -253,8 +253,8 @@ TEST_F(LogdBlackbox, SighupReloadsOnceAndSigusr2ClearsTheCounts) {
   EXPECT_TRUE(wait_for([&] { return in_log(reload); }, 5)) << state();
   for (const Columns &c : {kClass1, kClass1, kClass2Bot}) EXPECT_TRUE(send_attack(record(c)));
   ASSERT_TRUE(sync_daemon());
-  EXPECT_EQ(count_of(read_file(kLogPath), reload), 1u) << "one signal, one reload";
-  EXPECT_EQ(read_file(kStatPath), "3\n");
+  EXPECT_EQ(count_of(slurp(kLogPath), reload), 1u) << "one signal, one reload";
+  EXPECT_EQ(slurp(kStatPath), "3\n");
   expect_flushed({0, 2, 1, 0, 0, 0});
 
   // The handler has run once the daemon handles a datagram sent after the
@@ -263,7 +263,7 @@ TEST_F(LogdBlackbox, SighupReloadsOnceAndSigusr2ClearsTheCounts) {
   ASSERT_TRUE(sync_daemon());
   EXPECT_TRUE(send_attack(record(kClass4)));
   ASSERT_TRUE(sync_daemon());
-  EXPECT_EQ(read_file(kStatPath), "1\n");
+  EXPECT_EQ(slurp(kStatPath), "1\n");
   expect_flushed({0, 0, 0, 0, 1, 0});
 }
 
@@ -280,13 +280,13 @@ TEST_F(LogdBlackbox, SecondInstanceIsRefusedAndARestartKeepsTheCounts) {
   pid_t other = -1;
   const std::string key = "logd loop start, pid=";
   ASSERT_TRUE(wait_for([&] {
-    std::string log = read_file(kLogPath);
+    std::string log = slurp(kLogPath);
     size_t at = log.rfind(key);
     other = at == std::string::npos ? -1 : (pid_t)std::atol(log.c_str() + at + key.size());
     return other > 0 && other != first && count_of(log, "mox_logd is already running") >= 2;
   }, 10)) << state();
   daemons_.push_back(other);
-  EXPECT_EQ(read_file(kLockPath), std::to_string(first) + std::string(1, '\0'));
+  EXPECT_EQ(slurp(kLockPath), std::to_string(first) + std::string(1, '\0'));
   // Had the newcomer taken the sockets, they would be dead once it is gone.
   EXPECT_TRUE(end_process(other, other));
   EXPECT_TRUE(send_attack(record(kClass2Bot)));
@@ -298,13 +298,13 @@ TEST_F(LogdBlackbox, SecondInstanceIsRefusedAndARestartKeepsTheCounts) {
   ASSERT_GT(start_daemon(), 0) << state();
   EXPECT_TRUE(send_attack(record(kClass2Flag)));
   ASSERT_TRUE(sync_daemon());
-  EXPECT_EQ(read_file(kStatPath), "5\n");
+  EXPECT_EQ(slurp(kStatPath), "5\n");
   expect_flushed({0, 1, 2, 1, 0, 1});
 }
 
 TEST_F(LogdBlackbox, BurstOf100000IsCountedInFull) {
   REQUIRE_SANDBOX();
-  ASSERT_TRUE(write_rzpz(kFastRzpz) && write_text(kZvlog, ""));
+  ASSERT_TRUE(write_rzpz(kFastRzpz) && spill(kZvlog, ""));
   pid_t pid = start_daemon();
   ASSERT_GT(pid, 0) << state();
 
@@ -316,13 +316,13 @@ TEST_F(LogdBlackbox, BurstOf100000IsCountedInFull) {
   for (int i = 0; i < 100000; i++) {
     sent += send_attack(one) ? 1 : 0;
     if (i == 90000)  // the day total's unauthorized_access, as last flushed
-      std::sscanf(read_file(kDayPath).c_str(), "total,%*d-%*d-%*d %*d:%*d:%*d,%*u,%*u,%*u,%u",
+      std::sscanf(slurp(kDayPath).c_str(), "total,%*d-%*d-%*d %*d:%*d:%*d,%*u,%*u,%*u,%u",
                   &midway);
   }
   ASSERT_EQ(sent, 100000) << std::strerror(errno);
   EXPECT_GT(midway, 0u) << "no flush during the burst";
-  EXPECT_TRUE(wait_for([] { return read_file(kStatPath) == "100000\n"; }, 120))
-      << read_file(kStatPath);
+  EXPECT_TRUE(wait_for([] { return slurp(kStatPath) == "100000\n"; }, 120))
+      << slurp(kStatPath);
   EXPECT_TRUE(alive(pid));
   expect_flushed({0, 0, 0, 100000, 0, 0});
 }
@@ -343,7 +343,7 @@ TEST_F(LogdBlackbox, BadSettingsFallBackToDefaults) {
     EXPECT_TRUE(send_attack(record(kClass1)));
     EXPECT_TRUE(send_attack(header(kOutside)));  // logs "sscanf error."
     ASSERT_TRUE(sync_daemon());
-    EXPECT_EQ(read_file(kStatPath), "1\n");
+    EXPECT_EQ(slurp(kStatPath), "1\n");
     EXPECT_FALSE(wait_for([] { return access(kDayPath, F_OK) == 0; }, 1.5)) << "flushed at once";
 
     EXPECT_TRUE(in_log("  ERROR  (get_attack_fields:")) << state();

@@ -31,31 +31,16 @@ const char *const kReportKeys[] = {
 
 typedef std::vector<unsigned long> Counters;  // in the order of the report's keys
 
-// An HTTP/1.0 GET to 127.0.0.1, true for a 200 answer; with an empty path, true once a
-// connect succeeds.
-bool http_get(int port, const std::string &path) {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return false;
-  struct timeval limit = {5, 0};
-  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = htons((uint16_t)port);
-  std::string request = "GET " + path + " HTTP/1.0\r\nHost: localhost\r\n\r\n", answer;
-  bool connected = connect(fd, (sockaddr *)&addr, sizeof addr) == 0;
-  if (connected && !path.empty() &&
-      send(fd, request.data(), request.size(), MSG_NOSIGNAL) == (ssize_t)request.size()) {
-    char buf[1024];
-    for (ssize_t n; (n = recv(fd, buf, sizeof buf, 0)) > 0;) answer.append(buf, (size_t)n);
-  }
-  close(fd);
-  return path.empty() ? connected : answer.rfind("HTTP/1.1 200", 0) == 0;
+// bash's own TCP client to 127.0.0.1: the first line of the answer to a GET of path, or
+// "up" once a connect succeeds when there is no path.
+std::string http_get(int port, const std::string &path) {
+  std::string ask = path.empty() ? "echo up" : "printf 'GET " + path + " HTTP/1.0\\r\\n\\r\\n' >&3 && head -1 <&3";
+  return run_binary("/usr/bin/timeout", {"timeout", "5", "bash", "-c", "exec 3<>/dev/tcp/127.0.0.1/" +
+                                         std::to_string(port) + " && " + ask}).out;
 }
 
 int conf_set(const char *section, const std::string &value) {
-  return run_binary(sandbox_conf_path(), {"mox_conf", "set", section, value}).code;
+  return mox_conf({"set", section, value}).code;
 }
 
 // What mox_logdecode makes of a file: report JSON lines and access records (lines it
@@ -151,23 +136,23 @@ class ShippingE2E : public BlackboxTest {
     pid_t pid = start_daemon(wall_clock_env());
     // The daemon stamps its log with its own clock: the first line carries the fake day.
     if (pid > 0 && !(wait_for([] { return in_log("logd loop start"); }, 5) &&
-                     read_file(kLogPath).rfind("2026-03-01", 0) == 0))
+                     slurp(kLogPath).rfind("2026-03-01", 0) == 0))
       return -1;
     return pid;
   }
 
   std::string collected_file(Collector *c, const char *name) {
     std::string path = kWork + "/" + name + ".raw";
-    return write_text(path, c->bytes()) ? path : std::string();
+    return spill(path, c->bytes()) ? path : std::string();
   }
 
   // Writes dir/name.conf, starts argv writing to dir/name.out, waits for port: it, or -1.
   int start_server(const std::string &dir, const char *name, int port, const std::string &conf,
                    const std::vector<std::string> &argv) {
     mkdir(dir.c_str(), 0755);
-    if (port <= 0 || !write_text(dir + "/" + name + ".conf", conf) ||
+    if (port <= 0 || !spill(dir + "/" + name + ".conf", conf) ||
         (server_pid_ = spawn_helper(argv, dir + "/" + name + ".out")) <= 0 ||
-        !wait_for([&] { return http_get(port, ""); }, 10))
+        !wait_for([&] { return http_get(port, "") == "up\n"; }, 10))
       return -1;
     return port;
   }
@@ -216,12 +201,7 @@ class ShippingE2E : public BlackboxTest {
       std::string line = "<190>nginx: 192.0.2.7 - - [01/Mar/2026:12:00:00 +0000] \"GET /rec-" +
                          std::to_string(i) + " HTTP/1.1\" 200 612 \"-\" \"Mozilla/5.0 (X11; Linux "
                          "x86_64) AppleWebKit/537.36 (KHTML, like Gecko) Chrome/120.0 Safari/537.36\"";
-      sockaddr_un addr = unix_addr(kAccessSock);
-      ssize_t sent;
-      while ((sent = sendto(send_fd_, line.data(), line.size(), 0, (sockaddr *)&addr, sizeof addr)) < 0 &&
-             (errno == EAGAIN || errno == ENOBUFS))
-        usleep(1000);
-      if (sent != (ssize_t)line.size()) return false;
+      if (!send_to(kAccessSock, line)) return false;
       // About 1000 a second, a busy site: a flood beyond what the sealer's queue bridges
       // while the machine schedules something else (on a shared test machine, for a while)
       // is lost by design.
@@ -257,12 +237,12 @@ TEST_F(ShippingE2E, NginxAccessLogReachesRsyslogAndDecodes) {
     GTEST_SKIP() << "rsyslogd not installed (scripts/test installs it)";
 
   int syslog_port = start_rsyslog();
-  ASSERT_GT(syslog_port, 0) << read_file(kWork + "/rsyslog/rsyslogd.out");
+  ASSERT_GT(syslog_port, 0) << slurp(kWork + "/rsyslog/rsyslogd.out");
   ASSERT_EQ(conf_set("logserver", "127.0.0.1:" + std::to_string(syslog_port) + " 600"), 0);
   ASSERT_GT(start_daemon(), 0) << state();
   const std::string nginx_errors = kWork + "/nginx/error.log";
   int http_port = start_nginx();
-  ASSERT_GT(http_port, 0) << read_file(nginx_errors);
+  ASSERT_GT(http_port, 0) << slurp(nginx_errors);
 
   // 300 records fit the minute's allowance of 600, so none may be missing. They go in
   // rounds of 10, each once the last has arrived: a burst beyond the kernel's datagram
@@ -272,7 +252,7 @@ TEST_F(ShippingE2E, NginxAccessLogReachesRsyslogAndDecodes) {
   auto decoded_requests = [&] { return count_of(decoded = decode(rsyslog_file_), "\"GET /req-"); };
   for (int first = 0; first < requests; first += round) {
     for (int i = first; i < first + round; i++)
-      ASSERT_TRUE(http_get(http_port, "/req-" + std::to_string(i))) << "request " << i;
+      ASSERT_EQ(0u, http_get(http_port, "/req-" + std::to_string(i)).rfind("HTTP/1.1 200", 0)) << i;
     if (!wait_for([&] { return decoded_requests() >= (size_t)(first + round); }, 15)) break;
   }
   std::string missing;
@@ -280,11 +260,11 @@ TEST_F(ShippingE2E, NginxAccessLogReachesRsyslogAndDecodes) {
     if (decoded.find("\"GET /req-" + std::to_string(i) + " HTTP/1.0\"") == std::string::npos)
       missing += " /req-" + std::to_string(i);
   EXPECT_EQ(missing, "") << "never decoded\n" << state() << "\nnginx error log:\n"
-                         << read_file(nginx_errors);
+                         << slurp(nginx_errors);
   EXPECT_EQ(count_of(decoded, "\"GET /req-"), (size_t)requests);
   EXPECT_FALSE(in_log("access records dropped")) << state();
   // Every stored message came whole through rsyslog's default size limit.
-  std::string stored = read_file(rsyslog_file_);
+  std::string stored = slurp(rsyslog_file_);
   EXPECT_GT(count_of(stored, " mox_logd: MOX2 L "), 0u);
   EXPECT_EQ(count_of(stored, "MOX2 A "), 0u);
 }
@@ -314,13 +294,13 @@ TEST_F(ShippingE2E, EveryDayArrivesOnceWhateverTheCollectorDid) {
         << state();
     bad->stop();
     // The next failure must be this phase's own.
-    ASSERT_TRUE(write_text(kLogPath, ""));
+    ASSERT_TRUE(spill(kLogPath, ""));
   }
   ASSERT_EQ(kill(pid, SIGHUP), 0);  // down
   EXPECT_TRUE(wait_for([] { return in_log("connect() error:Connection refused"); }, 10)) << state();
   // Its log lines carry the daemon's clock: four days have finished by 03-05.
   ASSERT_TRUE(wait_for([] {
-    std::string log = read_file(kLogPath);
+    std::string log = slurp(kLogPath);
     size_t last = log.rfind('\n', log.size() > 1 ? log.size() - 2 : 0);
     return log.compare(last == std::string::npos ? 0 : last + 1, 10, "2026-03-05") >= 0;
   }, 20)) << state();
@@ -363,7 +343,7 @@ TEST_F(ShippingE2E, DeadDnsAndUnreachableCollectorsNeverStallTheLoop) {
                                    "ip link add void0 type veth peer name void1 && "
                                    "ip addr add 10.66.66.1/24 dev void0 && ip link set void0 up && "
                                    "ip link set void1 up"}).code, 0);
-  ASSERT_TRUE(write_text(kWork + "/resolv.conf", "nameserver 10.66.66.66\noptions timeout:15 attempts:2\n"));
+  ASSERT_TRUE(spill(kWork + "/resolv.conf", "nameserver 10.66.66.66\noptions timeout:15 attempts:2\n"));
   ASSERT_EQ(mount((kWork + "/resolv.conf").c_str(), "/etc/resolv.conf", nullptr, MS_BIND, nullptr), 0)
       << std::strerror(errno);
   ASSERT_EQ(conf_set("logatserver", "collector.mox-test.example:514"), 0);
@@ -381,8 +361,8 @@ TEST_F(ShippingE2E, DeadDnsAndUnreachableCollectorsNeverStallTheLoop) {
   // The lookup takes 30 s to fail; the loop counts everything long before.
   const std::string one = record(kClass3);
   for (int i = 0; i < 10000; i++) ASSERT_TRUE(send_to(kAttackSock, one)) << i;
-  EXPECT_TRUE(wait_for([] { return read_file(kStatPath) == "10000\n"; }, 20))
-      << read_file(kStatPath) << state();
+  EXPECT_TRUE(wait_for([] { return slurp(kStatPath) == "10000\n"; }, 20))
+      << slurp(kStatPath) << state();
   EXPECT_FALSE(in_log("gethostbyname error for host:")) << "the lookup was over too soon";
   // SIGTERM is honoured while the shipper hangs, and the stop says what it leaves behind.
   ASSERT_EQ(stop_daemon(pid), 0) << state();
@@ -431,10 +411,10 @@ TEST_F(ShippingE2E, AccessRecordsWaitForTheCollectorAndFollowReloads) {
   ASSERT_TRUE(wait_for([&] { return in_log(applied); }, 10)) << state();
   ASSERT_TRUE(feed_access(6100, 1));
   // mox_conf refuses a bad value, so the store itself goes bad under the daemon.
-  std::string store = read_file("/media/nand/mox_data/mox_conf.dat");
+  std::string store = slurp("/media/nand/mox_data/mox_conf.dat");
   ASSERT_GT(store.size(), 40u);
   store[30] ^= 0x01;
-  ASSERT_TRUE(write_text("/media/nand/mox_data/mox_conf.dat", store));
+  ASSERT_TRUE(spill("/media/nand/mox_data/mox_conf.dat", store));
   ASSERT_EQ(kill(pid, SIGHUP), 0);
   EXPECT_TRUE(wait_for([] { return in_log("Warning: reload configure failed,config no change\n"); },
                        10)) << state();
@@ -454,7 +434,7 @@ TEST_F(ShippingE2E, RelpCollectorGetsEveryRecordAcrossARestart) {
   if (run_binary("/bin/sh", {"sh", "-c", "ls /usr/lib/*/rsyslog/imrelp.so"}).code != 0)
     GTEST_SKIP() << "rsyslog's imrelp missing (Debian rsyslog-relp; scripts/test installs it)";
   int port = start_rsyslog("imrelp");
-  ASSERT_GT(port, 0) << read_file(kWork + "/rsyslog/rsyslogd.out");
+  ASSERT_GT(port, 0) << slurp(kWork + "/rsyslog/rsyslogd.out");
   ASSERT_EQ(conf_set("logserver", "relp://127.0.0.1:" + std::to_string(port) + " 100000"), 0);
   pid_t pid = start_daemon();
   ASSERT_GT(pid, 0) << state();
@@ -465,7 +445,7 @@ TEST_F(ShippingE2E, RelpCollectorGetsEveryRecordAcrossARestart) {
   kill(-server_pid_, SIGKILL);
   ASSERT_TRUE(wait_for([&] { return !alive(server_pid_); }, 5));
   ASSERT_TRUE(feed_access(300, 300));
-  ASSERT_GT(start_rsyslog("imrelp", port), 0) << read_file(kWork + "/rsyslog/rsyslogd.out");
+  ASSERT_GT(start_rsyslog("imrelp", port), 0) << slurp(kWork + "/rsyslog/rsyslogd.out");
   ASSERT_EQ(kill(pid, SIGHUP), 0);
   wait_for([&] { return count_of(decode(rsyslog_file_), "\"GET /rec-") >= 600; }, 30);
   EXPECT_EQ(records_once_in_order(decode(rsyslog_file_), 600), "") << state();

@@ -3,8 +3,6 @@
 // Counting, router lines and hostile datagrams are the black-box tests' part.
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include "daemon/daemon.h"
 #include "records.h"
 
@@ -12,14 +10,11 @@ namespace {
 
 AttackClass classify(const std::string &columns) {
   std::string text = "ATTACK=I:" + columns;
-  return classify_attack(text.c_str(), (int)text.size(), "203.0.113.9");
+  return classify_attack(text.c_str(), (int)text.size(), kOutside);
 }
 
 TEST(Intake, DecisionListAndColumns) {
-  struct Case {
-    std::string columns;
-    AttackClass want;
-  } cases[] = {
+  const std::pair<std::string, AttackClass> cases[] = {
       {record_columns({{34, "a-b-3"}, {9, "-10"}, {5, "1"}}), 1},  // row 1 beats 3 and 5
       {record_columns({{34, "a--5"}}), 1},                         // read as a-0-5
       {record_columns({{34, "--5"}}), 0},  // an empty first piece stops before the mark
@@ -27,16 +22,13 @@ TEST(Intake, DecisionListAndColumns) {
       {record_columns({{12, "134217728"}, {5, "1"}}), 2},
       {record_columns({{12, "-1"}}), 2},        // every bit set includes bit 27
       {record_columns({{12, "67108864"}}), 0},  // bit 26 alone marks nothing
-      {record_columns({{28, "30"}}), 2},
-      {record_columns({{28, "38"}}), 2},
-      {record_columns({{28, "39"}}), 0},
-      {record_columns({{28, "29"}}), 0},
+      {record_columns({{28, "30"}}), 2}, {record_columns({{28, "38"}}), 2},
+      {record_columns({{28, "39"}}), 0}, {record_columns({{28, "29"}}), 0},
       {record_columns({{5, "1"}, {6, "22"}}), 3},
       {record_columns({{7, "1"}}), 3},  // slot 1 counts from any slot field
       // Empty columns read as 0 and keep the later ones in their places.
       {record_columns({{5, ""}, {6, ""}, {7, ""}, {8, "1"}}), 3},
-      {record_columns({{9, "-10"}}), 5},
-      {record_columns({}), 0},
+      {record_columns({{9, "-10"}}), 5}, {record_columns({}), 0},
       {record_columns({{32, "-10"}}), 0},  // spare_code is never consulted
       {record_columns({{9, "-11"}}), 0},
       {":" + record_columns({{5, "1"}}), 0},  // an empty first column stops the scan
@@ -46,7 +38,7 @@ TEST(Intake, DecisionListAndColumns) {
                        {25, "2147483647"}}), 0},
       {record_columns({{5, "56"}, {6, "-1"}}), 0},
   };
-  for (const Case &c : cases) EXPECT_EQ(c.want, classify(c.columns)) << c.columns;
+  for (const auto &c : cases) EXPECT_EQ(c.second, classify(c.first)) << c.first;
   for (const char *slot : {"22", "26", "45", "41", "2", "5", "6", "7", "8", "10", "11", "12",
                            "16", "18", "20", "21", "25"})
     EXPECT_EQ(4, classify(record_columns({{25, slot}, {9, "-10"}}))) << "slot " << slot;

@@ -9,29 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "files.h"
 #include "platform/platform.h"
-#include "support/sandbox.h"
+#include "sandbox.h"
 
 namespace {
-
-const LogSinkRecord kInitialSink = LogSink;  // copied before any test runs
-
-void put(const std::string &path, const std::string &data) {
-  FILE *f = fopen(path.c_str(), "w");
-  ASSERT_NE(f, nullptr) << path;
-  fwrite(data.data(), 1, data.size(), f);
-  fclose(f);
-}
-
-std::string slurp(const std::string &path) {
-  FILE *f = fopen(path.c_str(), "r");
-  if (f == nullptr) return "<missing>";
-  std::string out;
-  char buf[4096];
-  for (size_t n; (n = fread(buf, 1, sizeof buf, f)) > 0;) out.append(buf, n);
-  fclose(f);
-  return out;
-}
 
 // size bytes of 'x' with newlines at the given offsets.
 std::string filled(size_t size, const std::vector<size_t> &newlines) {
@@ -67,15 +49,6 @@ class LogTest : public ::testing::Test {
   }
   std::string dir, path;
 };
-
-TEST_F(LogTest, SilentBeforeInit) {
-  EXPECT_TRUE(kInitialSink.file == nullptr && kInitialSink.path == nullptr);
-  EXPECT_EQ(kInitialSink.level, 3);
-  EXPECT_EQ(kInitialSink.mask, 0u);
-  testing::internal::CaptureStdout();
-  DLOG_ERROR("not shown %d", 1);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-}
 
 TEST_F(LogTest, LineFormat) {
   log_init(path.c_str(), nullptr, LOG_MASK_FILE);
@@ -156,13 +129,13 @@ TEST_F(LogTest, TrimKeepsTailFromWholeLine) {
   };
   for (const Case &c : cases) {
     std::string original = filled(c.size, c.newlines);
-    put(path, original);
+    ASSERT_TRUE(spill(path, original));
     log_init(path.c_str(), nullptr, LOG_MASK_FILE);
     EXPECT_EQ(slurp(path), c.kept_from < 0 ? original : original.substr(c.kept_from)) << c.size;
     EXPECT_NE(access((path + ".tmp").c_str(), F_OK), 0);
   }
   std::string original = filled(32760, {20000, 32759});
-  put(path, original);
+  ASSERT_TRUE(spill(path, original));
   log_init(path.c_str(), nullptr, LOG_MASK_FILE);
   DLOG_ERROR("one");  // crosses 32768 while running
   DLOG_ERROR("two");  // goes to the new stream
@@ -171,7 +144,7 @@ TEST_F(LogTest, TrimKeepsTailFromWholeLine) {
 
 TEST_F(LogTest, TrimWithoutTempFileLeavesLogWhole) {
   std::string original = filled(40000, {20000, 39999});
-  put(path, original);
+  ASSERT_TRUE(spill(path, original));
   ASSERT_EQ(mkdir((path + ".tmp").c_str(), 0700), 0);  // "w+" cannot open it
   log_init(path.c_str(), nullptr, LOG_MASK_FILE);
   DLOG_ERROR("still here");
@@ -198,7 +171,7 @@ struct FailingLog {
 };
 
 TEST_F(LogTest, ReadErrorDuringCopyAbandonsTrim) {
-  put(path, "untouched\n");
+  ASSERT_TRUE(spill(path, "untouched\n"));
   FailingLog fake;
   FILE *stream = fopencookie(&fake, "r", {FailingLog::read, nullptr, FailingLog::seek, nullptr});
   ASSERT_NE(stream, nullptr);
@@ -234,7 +207,7 @@ TEST_F(LogTest, OpenMakesFoldersWithMode0766) {
 TEST_F(LogTest, OpenFailuresEndProcess) {
   using testing::ExitedWithCode;
   EXPECT_EXIT(log_open(nullptr, nullptr, 1), ExitedWithCode(1), "path is NULL");
-  put(dir + "/plain", "");
+  ASSERT_TRUE(spill(dir + "/plain", ""));
   ASSERT_EQ(mkdir((dir + "/isdir").c_str(), 0700), 0);
   for (const std::string &p : {dir + "/plain/sub/logd.log",  // component is a file
                                dir + "/" + std::string(1100, 'n') + "/x.log",  // >= 1024
@@ -245,30 +218,22 @@ TEST_F(LogTest, OpenFailuresEndProcess) {
               ExitedWithCode(1), "open file failure");  // no "/" at all
 }
 
+// The parse itself is the settings tests' part; these are the values no level has.
 TEST_F(LogTest, LevelFromSettingsFile) {
-  mkdir("/media/nand", 0755);
-  mkdir("/media/nand/mox_data", 0755);
-  struct Case {
-    const char *content;  // null: no settings file
-    const char *name;
-    int32_t level;
-  } cases[] = {
-      {"mox_logd=2\n", "mox_logd", 2},   {"mox_logd=7\n", "mox_logd", 4},
-      {"mox_logd=-1\n", "mox_logd", 4},  {"mox_logd=abc\n", "mox_logd", 0},
-      {"mox_logd=\n", "mox_logd", 0},    {"mox_logd =2\n", "mox_logd", 4},
-      {"mox_logd=1=x\n", "mox_logd", 1}, {"other=0\nmox_logd=2\n", "mox_logd", 2},
-      {"mox_logd=1\nmox_logd=3\n", "mox_logd", 1}, {"", "mox_logd", 4},
-      {nullptr, "mox_logd", 4},          {"mox_logd=1\n", nullptr, 4},
-      {"mox_logd=4294967297\n", "mox_logd", 4},  // never wrapped into 1
-  };
-  for (const Case &c : cases) {
+  ASSERT_EQ(make_dirs("/media/nand/mox_data"), 0);
+  const std::pair<const char *, int32_t> cases[] = {
+      {"mox_logd=2\n", 2}, {"mox_logd=7\n", 4}, {"mox_logd=-1\n", 4}, {"mox_logd=abc\n", 0},
+      {"mox_logd=4294967297\n", 4}, {"other=0\n", 4}, {nullptr, 4}};  // never wrapped into 1
+  for (const auto &c : cases) {
     unlink(RZPZ_PATH);
-    if (c.content) put(RZPZ_PATH, c.content);
+    ASSERT_TRUE(!c.first || spill(RZPZ_PATH, c.first));
     LogSink.level = 99;
-    log_init(path.c_str(), c.name, LOG_MASK_FILE | LOG_MASK_STDOUT);
-    EXPECT_EQ(LogSink.level, c.level) << (c.content ? c.content : "(no file)");
+    log_init(path.c_str(), "mox_logd", LOG_MASK_FILE | LOG_MASK_STDOUT);
+    EXPECT_EQ(LogSink.level, c.second) << (c.first ? c.first : "(no file)");
     EXPECT_EQ(LogSink.mask, 3u);
   }
+  log_init(path.c_str(), nullptr, LOG_MASK_FILE);  // no key to look for
+  EXPECT_EQ(LogSink.level, 4);
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 // damaged input and the count file.
 #include <gtest/gtest.h>
 
-#include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -13,7 +12,8 @@
 
 #include "platform/platform.h"
 #include "stats/stats.h"
-#include "support/sandbox.h"
+#include "files.h"
+#include "sandbox.h"
 
 namespace {
 
@@ -26,22 +26,6 @@ time_t utc(const char *text) {
 // Time of a first line that does not scan: the zeroed calendar fields
 // less 1900 and 1 (30 Nov of year -1), cut to 32 bits.
 const int32_t UNSCANNED_FIRST_TIME = -2040441856;
-
-void put(const char *path, const std::string &text) {
-  FILE *f = fopen(path, "w");
-  ASSERT_NE(f, nullptr);
-  fputs(text.c_str(), f);
-  fclose(f);
-}
-
-std::string get(const char *path) {
-  char buf[4096] = {};
-  FILE *f = fopen(path, "r");
-  if (f == nullptr) return "<missing>";
-  size_t n = fread(buf, 1, sizeof buf - 1, f);
-  fclose(f);
-  return std::string(buf, n);
-}
 
 std::string slot_line(int day, unsigned internal) {
   return "2024-3-" + std::to_string(day) + " 1:2:3," + std::to_string(internal) + ",0,0,0,0,0\n";
@@ -71,15 +55,25 @@ TEST_F(StatFilesTest, ExactTextOfAllThreeFiles) {
   }
   flush();
   EXPECT_EQ(day.dirty + hour.dirty, 0);
-  EXPECT_EQ(get(DAY_STAT_PATH), "total,2024-3-5 7:8:9,1,1,0,1,0,0\n2024-3-5 7:8:9,1,1,0,1,0,0\n");
-  EXPECT_EQ(get(HOUR_STAT_PATH), "2024-3-5 7:8:9,1,1,0,1,0,0\n");
-  EXPECT_EQ(get(STAT_COUNT_PATH), "2\n");
+  EXPECT_EQ(slurp(DAY_STAT_PATH), "total,2024-3-5 7:8:9,1,1,0,1,0,0\n2024-3-5 7:8:9,1,1,0,1,0,0\n");
+  EXPECT_EQ(slurp(HOUR_STAT_PATH), "2024-3-5 7:8:9,1,1,0,1,0,0\n");
+  EXPECT_EQ(slurp(STAT_COUNT_PATH), "2\n");
 
   reset_attack_stats();
   day.dirty = 1;
   flush();  // empty ring: total line only; the clean hour file is left
-  EXPECT_EQ(get(DAY_STAT_PATH), "total,1970-1-1 0:0:0,0,0,0,0,0,0\n");
-  EXPECT_EQ(get(HOUR_STAT_PATH), "2024-3-5 7:8:9,1,1,0,1,0,0\n");
+  EXPECT_EQ(slurp(DAY_STAT_PATH), "total,1970-1-1 0:0:0,0,0,0,0,0,0\n");
+  EXPECT_EQ(slurp(HOUR_STAT_PATH), "2024-3-5 7:8:9,1,1,0,1,0,0\n");
+
+  // Without the folder nothing is written, nothing is made, and the counts go on.
+  count_day_attack(1);
+  count_hour_attack(1);
+  ASSERT_EQ(sandbox_wipe("/tmp/mox/log"), 0);
+  flush();
+  EXPECT_EQ(day.dirty + hour.dirty, 0);
+  bump_attack_count();
+  EXPECT_EQ(attack_count(), 1u);
+  EXPECT_NE(access("/tmp/mox/log", F_OK), 0);
 }
 
 TEST_F(StatFilesTest, WrappedRingsRoundTrip) {
@@ -117,7 +111,7 @@ TEST_F(StatFilesTest, WrappedRingsRoundTrip) {
 
 TEST_F(StatFilesTest, DamagedDayFiles) {
   // A slot line first is used up as the total line, and "total," fails.
-  put(DAY_STAT_PATH, "2024-3-1 1:2:3,1,2,3,4,5,6\n" + slot_line(2, 9));
+  ASSERT_TRUE(spill(DAY_STAT_PATH, "2024-3-1 1:2:3,1,2,3,4,5,6\n" + slot_line(2, 9)));
   load_day_stat();
   EXPECT_EQ(std::make_tuple(day.total.time, day.total.counters.internal_attack, day.count),
             std::make_tuple(UNSCANNED_FIRST_TIME, 0u, 1));
@@ -125,7 +119,7 @@ TEST_F(StatFilesTest, DamagedDayFiles) {
 
   // A cut line keeps what it scanned; a line that does not scan reuses the
   // converted fields of the line before, losing 1900 and 1 once more.
-  put(DAY_STAT_PATH, "total,2024-3-1 0:0:0,5\n2024-3-5 7:8:9,1,2\nnonsense\n");
+  ASSERT_TRUE(spill(DAY_STAT_PATH, "total,2024-3-1 0:0:0,5\n2024-3-5 7:8:9,1,2\nnonsense\n"));
   load_day_stat();
   EXPECT_EQ(std::make_tuple(day.total.counters.internal_attack, day.count, day.tail), std::make_tuple(5u, 2, 1));
   EXPECT_EQ(day.slots[0].time, utc("2024-03-05 07:08:09"));
@@ -135,17 +129,17 @@ TEST_F(StatFilesTest, DamagedDayFiles) {
 
   std::string text = "total,2024-3-1 0:0:0,0,0,0,0,0,0\n";
   for (int i = 1; i <= DAY_SLOTS + 1; i++) text += slot_line(i, i);
-  put(DAY_STAT_PATH, text);
+  ASSERT_TRUE(spill(DAY_STAT_PATH, text));
   load_day_stat();
   EXPECT_EQ(day.count, DAY_SLOTS);
   EXPECT_EQ(day.slots[DAY_SLOTS - 1].counters.internal_attack, 30u);
 
   // Calendar fields at the int's limits stop there instead of wrapping.
-  put(DAY_STAT_PATH, "total,-2147483647--2147483647-1 0:0:0,7\n");
+  ASSERT_TRUE(spill(DAY_STAT_PATH, "total,-2147483647--2147483647-1 0:0:0,7\n"));
   load_day_stat();
   EXPECT_EQ(day.total.counters.internal_attack, 7u);
 
-  put(DAY_STAT_PATH, "");
+  ASSERT_TRUE(spill(DAY_STAT_PATH, ""));
   load_day_stat();
   EXPECT_EQ(std::make_tuple(day.count, day.slots[0].counters.internal_attack), std::make_tuple(0, 0u));
   EXPECT_EQ(day.total.time, utc("2024-03-05 07:08:09"));
@@ -154,7 +148,7 @@ TEST_F(StatFilesTest, DamagedDayFiles) {
 TEST_F(StatFilesTest, DamagedHourFiles) {
   std::string text = "garbage\n";
   for (int i = 1; i <= HOUR_SLOTS; i++) text += slot_line(i % 28 + 1, i);
-  put(HOUR_STAT_PATH, text);
+  ASSERT_TRUE(spill(HOUR_STAT_PATH, text));
   load_hour_stat();
   EXPECT_EQ(std::make_tuple(hour.count, hour.slots[0].time, hour.slots[1].counters.internal_attack),
             std::make_tuple(HOUR_SLOTS, UNSCANNED_FIRST_TIME, 1u));
@@ -164,48 +158,24 @@ TEST_F(StatFilesTest, DamagedHourFiles) {
   EXPECT_EQ(hour.count + hour.slots[1].time, 0);
 }
 
+// The count goes on from its file, wraps to 0 after 4294967294, and restarts at 1 when the
+// file was deleted; a damaged file reads as strtoul reads it, an empty one changes nothing.
 TEST_F(StatFilesTest, CountFileLoadAndBump) {
-  put(STAT_COUNT_PATH, "5000\n");
-  load_attack_count();
-  EXPECT_EQ(attack_count(), 5000u);
-  unlink(STAT_COUNT_PATH);
-  bump_attack_count();
-  EXPECT_EQ(get(STAT_COUNT_PATH), "1\n");
-
-  put(STAT_COUNT_PATH, "4294967294\n");
-  load_attack_count();
-  bump_attack_count();
-  EXPECT_EQ(get(STAT_COUNT_PATH), "0\n");
-  bump_attack_count();
-  EXPECT_EQ(get(STAT_COUNT_PATH), "1\n");
-
-  put(STAT_COUNT_PATH, "99999999999\n");
-  load_attack_count();
-  EXPECT_EQ(attack_count(), 4294967295u);
-  put(STAT_COUNT_PATH, "");
-  load_attack_count();  // an empty file changes nothing
-  bump_attack_count();
-  EXPECT_EQ(get(STAT_COUNT_PATH), "0\n");
-  for (auto c : {std::make_pair("abc\n", 0u), std::make_pair("-5\n", 4294967291u)}) {
-    put(STAT_COUNT_PATH, c.first);
+  const std::tuple<const char *, const char *> cases[] = {
+      {"5000\n", "5001\n"}, {"", "5002\n"}, {nullptr, "1\n"}, {"4294967293\n", "4294967294\n"},
+      {"abc\n", "1\n"}, {"4294967294\n", "0\n"}, {"99999999999\n", "0\n"},
+      {"-5\n", "4294967292\n"}};
+  for (const auto &c : cases) {
+    unlink(STAT_COUNT_PATH);
+    ASSERT_TRUE(!std::get<0>(c) || spill(STAT_COUNT_PATH, std::get<0>(c)));
     load_attack_count();
-    EXPECT_EQ(attack_count(), c.second) << c.first;
+    bump_attack_count();
+    EXPECT_EQ(slurp(STAT_COUNT_PATH), std::get<1>(c)) << (std::get<0>(c) ? std::get<0>(c) : "none");
   }
-
-  reset_attack_stats();
+  ASSERT_TRUE(spill(STAT_COUNT_PATH, "7\n"));
+  reset_attack_stats();  // memory only: the file follows at the next attack
   EXPECT_EQ(attack_count(), 0u);
-  EXPECT_EQ(get(STAT_COUNT_PATH), "-5\n");
-}
-
-TEST_F(StatFilesTest, MissingDirectoryFailsQuietly) {
-  count_day_attack(1);
-  count_hour_attack(1);
-  ASSERT_EQ(sandbox_wipe("/tmp/mox/log"), 0);
-  flush();
-  EXPECT_EQ(day.dirty + hour.dirty, 0);
-  bump_attack_count();
-  EXPECT_EQ(attack_count(), 1u);
-  EXPECT_NE(access("/tmp/mox/log", F_OK), 0);
+  EXPECT_EQ(slurp(STAT_COUNT_PATH), "7\n");
 }
 
 }  // namespace

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "sandbox.h"
+
 struct RunResult {
   int code;  // exit status, 128 + signal, or -1 when it could not run
   std::string out, err;
@@ -43,4 +45,10 @@ inline RunResult run_binary(const char *path, std::vector<std::string> argv) {
     if (fds[i] >= 0) close(fds[i]);
   }
   return r;
+}
+
+// mox_conf with these arguments, started as the tests start it.
+inline RunResult mox_conf(std::vector<std::string> args) {
+  args.insert(args.begin(), "mox_conf");
+  return run_binary(sandbox_conf_path(), args);
 }

@@ -16,9 +16,9 @@ namespace {
 
 int ready;
 char reason[256] = "sandbox_enter was not called";
-char logd_path[64];
-char conf_path[64];
-char logdecode_path[64];
+// The programs, and "/proc/self/fd/N" for each once it is held open.
+const char *const programs[] = {MOX_LOGD_BINARY, MOX_CONF_BINARY, MOX_LOGDECODE_BINARY};
+char held[3][64];
 
 int fail(const char *what) {
   std::snprintf(reason, sizeof reason, "%s: %s", what, std::strerror(errno));
@@ -43,15 +43,12 @@ int run(const std::string &cmd) {
 
 int sandbox_enter(void) {
   if (ready) return 0;
-  // The daemon binary may live under /tmp, which is about to be hidden:
-  // hold it open and start it through /proc/self/fd.
-  int logd = open(MOX_LOGD_BINARY, O_RDONLY | O_CLOEXEC);
-  if (logd >= 0) std::snprintf(logd_path, sizeof logd_path, "/proc/self/fd/%d", logd);
-  int conf = open(MOX_CONF_BINARY, O_RDONLY | O_CLOEXEC);
-  if (conf >= 0) std::snprintf(conf_path, sizeof conf_path, "/proc/self/fd/%d", conf);
-  int logdecode = open(MOX_LOGDECODE_BINARY, O_RDONLY | O_CLOEXEC);
-  if (logdecode >= 0)
-    std::snprintf(logdecode_path, sizeof logdecode_path, "/proc/self/fd/%d", logdecode);
+  // The programs may live under /tmp, which is about to be hidden: hold
+  // them open and start them through /proc/self/fd.
+  for (int i = 0; i < 3; i++) {
+    int fd = open(programs[i], O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) std::snprintf(held[i], sizeof held[i], "/proc/self/fd/%d", fd);
+  }
 
   if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) return fail("unshare(CLONE_NEWNS|CLONE_NEWNET)");
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return fail("make / private");
@@ -66,17 +63,12 @@ int sandbox_enter(void) {
   // about to be hidden, then bound into the private /dev.
   const char *devices[] = {"null", "zero", "urandom"};
   if (mount("none", "/tmp", "tmpfs", 0, "mode=1777") != 0) return fail("tmpfs on /tmp");
-  char staged[64], real[64];
-  for (const char *d : devices) {
-    std::snprintf(staged, sizeof staged, "/tmp/%s", d);
-    std::snprintf(real, sizeof real, "/dev/%s", d);
-    if (bind_file(real, staged) != 0) return -1;
-  }
-  if (mount("none", "/dev", "tmpfs", 0, "mode=755") != 0) return fail("tmpfs on /dev");
-  for (const char *d : devices) {
-    std::snprintf(staged, sizeof staged, "/tmp/%s", d);
-    std::snprintf(real, sizeof real, "/dev/%s", d);
-    if (bind_file(staged, real) != 0) return -1;
+  for (int pass = 0; pass < 2; pass++) {
+    if (pass == 1 && mount("none", "/dev", "tmpfs", 0, "mode=755") != 0) return fail("tmpfs on /dev");
+    for (const char *d : devices) {
+      std::string staged = std::string("/tmp/") + d, real = std::string("/dev/") + d;
+      if (bind_file((pass ? staged : real).c_str(), (pass ? real : staged).c_str()) != 0) return -1;
+    }
   }
   if (umount2("/tmp", MNT_DETACH) != 0) return fail("umount scratch /tmp");
   if (mount("none", "/tmp", "tmpfs", 0, "mode=1777") != 0) return fail("tmpfs on /tmp");
@@ -103,13 +95,11 @@ int sandbox_ready(void) { return ready; }
 
 const char *sandbox_reason(void) { return reason; }
 
-const char *sandbox_logd_path(void) { return logd_path[0] ? logd_path : MOX_LOGD_BINARY; }
+const char *sandbox_logd_path(void) { return held[0][0] ? held[0] : programs[0]; }
 
-const char *sandbox_conf_path(void) { return conf_path[0] ? conf_path : MOX_CONF_BINARY; }
+const char *sandbox_conf_path(void) { return held[1][0] ? held[1] : programs[1]; }
 
-const char *sandbox_logdecode_path(void) {
-  return logdecode_path[0] ? logdecode_path : MOX_LOGDECODE_BINARY;
-}
+const char *sandbox_logdecode_path(void) { return held[2][0] ? held[2] : programs[2]; }
 
 int sandbox_add_br0(const char *cidr) {
   if (run("ip link show br0") != 0 && run("ip link add br0 type bridge") != 0) return -1;

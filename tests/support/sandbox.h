@@ -31,11 +31,7 @@ int sandbox_wipe(const char *dir);
       GTEST_SKIP() << "private namespaces unavailable: " << sandbox_reason(); \
   } while (0)
 
-// Path through which the mox_logd binary can be executed inside the sandbox.
+// Paths through which mox_logd, mox_conf and mox_logdecode run inside the sandbox.
 const char *sandbox_logd_path(void);
-
-// Path through which the mox_conf binary can be executed inside the sandbox.
 const char *sandbox_conf_path(void);
-
-// Path through which the mox_logdecode binary can be executed inside the sandbox.
 const char *sandbox_logdecode_path(void);
