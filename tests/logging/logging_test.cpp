@@ -68,32 +68,6 @@ TEST_F(LogTest, LineFormat) {
             "2023-11-15 00:13:20  ERROR  (TestBody:" + line2 + ")  daemon error ... x\n\n");
 }
 
-TEST_F(LogTest, MaskChoosesOutputs) {
-  LogSink.level = 0;
-  LogSink.mask = LOG_MASK_STDOUT;  // no stream needed
-  testing::internal::CaptureStdout();
-  DLOG_INFO("a %d", 1);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "a 1\n");
-
-  log_init(path.c_str(), nullptr, LOG_MASK_STDOUT | LOG_MASK_FILE);
-  LogSink.level = 0;
-  testing::internal::CaptureStdout();
-  DLOG_ERROR("b");
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "b\n");
-  EXPECT_TRUE(matches(slurp(path), "[-0-9: ]{19}  ERROR  .*  b\n"));
-
-  LogSink.mask = LOG_MASK_STDOUT;
-  fclose(LogSink.file);
-  LogSink.file = nullptr;  // as after a failed reopen: the file copy is skipped
-  for (uint32_t mask : {LOG_MASK_STDOUT, LOG_MASK_STDOUT | LOG_MASK_FILE}) {
-    LogSink.mask = mask;
-    testing::internal::CaptureStdout();
-    DLOG_ERROR("c");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "c\n");
-  }
-  EXPECT_TRUE(matches(slurp(path), "[^\n]*  b\n"));
-}
-
 TEST_F(LogTest, LevelFiltering) {
   const char *expected[] = {"D\nI\nE\n", "D\nI\nE\n", "I\nE\n", "E\n", "E\n"};
   LogSink.mask = LOG_MASK_STDOUT;

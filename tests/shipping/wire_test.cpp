@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "logging/logging.h"
+#include "files.h"
 #include "platform/platform.h"
 #include "run_binary.h"
 #include "sandbox.h"
@@ -59,11 +59,6 @@ int device_id_with(const std::string &script, char *id, long long *took) {
   *took = now_ms() - start;
   setenv("PATH", path.c_str(), 1);
   return rc;
-}
-
-std::string slurp(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 class Ship : public ::testing::Test {

@@ -1,5 +1,6 @@
-// The statistics files under /tmp/mox/log: exact text, round trips,
-// damaged input and the count file.
+// The day and hour rings and their files under /tmp/mox/log, with the clock pinned: rolls,
+// round trips through the files, damaged files and the count file. Which class lands in
+// which counter, and the files' text, are the black-box tests' part.
 #include <gtest/gtest.h>
 
 #include <string.h>
@@ -10,10 +11,10 @@
 #include <string>
 #include <tuple>
 
-#include "platform/platform.h"
-#include "stats/stats.h"
 #include "files.h"
+#include "platform/platform.h"
 #include "sandbox.h"
+#include "stats/stats.h"
 
 namespace {
 
@@ -31,7 +32,9 @@ std::string slot_line(int day, unsigned internal) {
   return "2024-3-" + std::to_string(day) + " 1:2:3," + std::to_string(internal) + ",0,0,0,0,0\n";
 }
 
-class StatFilesTest : public ::testing::Test {
+using Shape = std::tuple<int, int, int, int, int>;
+
+class StatsTest : public ::testing::Test {
  protected:
   void SetUp() override {
     REQUIRE_SANDBOX();
@@ -39,44 +42,23 @@ class StatFilesTest : public ::testing::Test {
     mkdir("/tmp/mox", 0777);
     ASSERT_EQ(mkdir("/tmp/mox/log", 0777), 0);
     reset_attack_stats();
+    report_due_clear();
     clock_set(utc("2024-03-05 07:08:09"));
   }
   void TearDown() override { clock_set(0); }
   void flush() { flush_stats(&day.dirty, &hour.dirty); }
+  void roll_at(const char *when) {
+    clock_set(utc(when));
+    roll_day_stat();
+    roll_hour_stat();
+  }
+  // count, head and tail of the day ring, then count and head of the hour ring.
+  Shape shape() { return Shape(day.count, day.head, day.tail, hour.count, hour.head); }
   DayStatRing &day = day_stat();
   HourStatRing &hour = hour_stat();
 };
 
-TEST_F(StatFilesTest, ExactTextOfAllThreeFiles) {
-  for (int attack_class : {101, 3}) {
-    count_day_attack(attack_class);
-    count_hour_attack(attack_class);
-    bump_attack_count();
-  }
-  flush();
-  EXPECT_EQ(day.dirty + hour.dirty, 0);
-  EXPECT_EQ(slurp(DAY_STAT_PATH), "total,2024-3-5 7:8:9,1,1,0,1,0,0\n2024-3-5 7:8:9,1,1,0,1,0,0\n");
-  EXPECT_EQ(slurp(HOUR_STAT_PATH), "2024-3-5 7:8:9,1,1,0,1,0,0\n");
-  EXPECT_EQ(slurp(STAT_COUNT_PATH), "2\n");
-
-  reset_attack_stats();
-  day.dirty = 1;
-  flush();  // empty ring: total line only; the clean hour file is left
-  EXPECT_EQ(slurp(DAY_STAT_PATH), "total,1970-1-1 0:0:0,0,0,0,0,0,0\n");
-  EXPECT_EQ(slurp(HOUR_STAT_PATH), "2024-3-5 7:8:9,1,1,0,1,0,0\n");
-
-  // Without the folder nothing is written, nothing is made, and the counts go on.
-  count_day_attack(1);
-  count_hour_attack(1);
-  ASSERT_EQ(sandbox_wipe("/tmp/mox/log"), 0);
-  flush();
-  EXPECT_EQ(day.dirty + hour.dirty, 0);
-  bump_attack_count();
-  EXPECT_EQ(attack_count(), 1u);
-  EXPECT_NE(access("/tmp/mox/log", F_OK), 0);
-}
-
-TEST_F(StatFilesTest, WrappedRingsRoundTrip) {
+TEST_F(StatsTest, WrappedRingsRoundTrip) {
   for (int i = 0; i < DAY_SLOTS + 3; i++) {
     clock_set(utc("2024-01-01 05:06:07") + i * 86401);
     for (int k = 0; k <= i % 4; k++) count_day_attack(101 + k);
@@ -91,6 +73,7 @@ TEST_F(StatFilesTest, WrappedRingsRoundTrip) {
   for (int i = 0; i < HOUR_SLOTS; i++) hour_ordered[i] = hour.slots[(hour.head + 1 + i) % HOUR_SLOTS];
   const StatSlot total = day.total;
   flush();
+  EXPECT_EQ(day.dirty + hour.dirty, 0);
 
   reset_attack_stats();
   load_day_stat();
@@ -109,7 +92,7 @@ TEST_F(StatFilesTest, WrappedRingsRoundTrip) {
   EXPECT_EQ(day.slots[0].counters.intrusion_attempt, 0u);
 }
 
-TEST_F(StatFilesTest, DamagedDayFiles) {
+TEST_F(StatsTest, DamagedFilesReadAsFarAsTheyScan) {
   // A slot line first is used up as the total line, and "total," fails.
   ASSERT_TRUE(spill(DAY_STAT_PATH, "2024-3-1 1:2:3,1,2,3,4,5,6\n" + slot_line(2, 9)));
   load_day_stat();
@@ -143,10 +126,8 @@ TEST_F(StatFilesTest, DamagedDayFiles) {
   load_day_stat();
   EXPECT_EQ(std::make_tuple(day.count, day.slots[0].counters.internal_attack), std::make_tuple(0, 0u));
   EXPECT_EQ(day.total.time, utc("2024-03-05 07:08:09"));
-}
 
-TEST_F(StatFilesTest, DamagedHourFiles) {
-  std::string text = "garbage\n";
+  text = "garbage\n";
   for (int i = 1; i <= HOUR_SLOTS; i++) text += slot_line(i % 28 + 1, i);
   ASSERT_TRUE(spill(HOUR_STAT_PATH, text));
   load_hour_stat();
@@ -160,7 +141,7 @@ TEST_F(StatFilesTest, DamagedHourFiles) {
 
 // The count goes on from its file, wraps to 0 after 4294967294, and restarts at 1 when the
 // file was deleted; a damaged file reads as strtoul reads it, an empty one changes nothing.
-TEST_F(StatFilesTest, CountFileLoadAndBump) {
+TEST_F(StatsTest, CountFileLoadAndBump) {
   const std::tuple<const char *, const char *> cases[] = {
       {"5000\n", "5001\n"}, {"", "5002\n"}, {nullptr, "1\n"}, {"4294967293\n", "4294967294\n"},
       {"abc\n", "1\n"}, {"4294967294\n", "0\n"}, {"99999999999\n", "0\n"},
@@ -176,6 +157,78 @@ TEST_F(StatFilesTest, CountFileLoadAndBump) {
   reset_attack_stats();  // memory only: the file follows at the next attack
   EXPECT_EQ(attack_count(), 0u);
   EXPECT_EQ(slurp(STAT_COUNT_PATH), "7\n");
+
+  // Without the folder nothing is written or made, and the count goes on in memory.
+  ASSERT_EQ(sandbox_wipe("/tmp/mox/log"), 0);
+  count_day_attack(1);
+  flush();
+  bump_attack_count();
+  EXPECT_EQ(std::make_tuple(day.dirty, attack_count()), std::make_tuple(0, 1u));
+  EXPECT_NE(access("/tmp/mox/log", F_OK), 0);
+}
+
+// A slot opens when the day of the month or the hour of the day differs, whichever way the
+// clock went; only a new day makes a report due.
+TEST_F(StatsTest, DayOfMonthAndHourOfDayOpenOneSlotEach) {
+  const std::tuple<const char *, Shape, int> steps[] = {
+      {"2024-03-05 23:59:59", Shape(1, 0, 0, 1, 0), 0}, {"2024-03-05 23:59:59", Shape(1, 0, 0, 1, 0), 0},
+      {"2024-03-06 00:00:00", Shape(2, 1, 0, 2, 1), 1}, {"2024-03-06 00:59:59", Shape(2, 1, 0, 2, 1), 1},
+      {"2024-03-06 01:00:00", Shape(2, 1, 0, 3, 2), 1}, {"2024-03-05 22:00:00", Shape(3, 2, 0, 4, 3), 1},
+      {"2024-04-05 22:30:00", Shape(3, 2, 0, 4, 3), 0},  // a month on, same day and hour
+  };
+  for (const auto &s : steps) {
+    if (std::get<2>(s) == 0) report_due_clear();
+    roll_at(std::get<0>(s));
+    EXPECT_EQ(shape(), std::get<1>(s)) << std::get<0>(s);
+    EXPECT_EQ(report_due(), std::get<2>(s)) << std::get<0>(s);
+  }
+  EXPECT_EQ(day.slots[1].time, utc("2024-03-06 00:00:00"));
+  EXPECT_LT(day.slots[2].time, day.slots[1].time);
+  count_day_attack(2);
+  EXPECT_EQ(day.slots[2].time, utc("2024-04-05 22:30:00"));  // the last attack's time
+  EXPECT_EQ(day.slots[2].counters.automated_attack, 1u);
+}
+
+TEST_F(StatsTest, FullRingsReuseNextSlotAndPushTail) {
+  for (int i = 0; i < DAY_SLOTS; i++) {
+    clock_set(utc("2024-03-01 00:00:00") + i * 86400);
+    count_day_attack(1);
+  }
+  EXPECT_EQ(std::make_tuple(day.head, day.tail), std::make_tuple(DAY_SLOTS - 1, 0));
+  roll_at("2024-03-31 00:00:00");
+  EXPECT_EQ(std::make_tuple(day.count, day.head, day.tail), std::make_tuple(DAY_SLOTS, 0, 1));
+  EXPECT_EQ(day.slots[0].counters.intrusion_attempt, 0u);
+  EXPECT_EQ(day.slots[0].time, utc("2024-03-31 00:00:00"));
+  EXPECT_EQ(day.total.counters.intrusion_attempt, 30u);
+
+  reset_attack_stats();
+  for (int i = 0; i <= HOUR_SLOTS; i++) {
+    clock_set(utc("2024-03-01 00:00:00") + i * 3600);
+    count_hour_attack(5);
+  }
+  EXPECT_EQ(std::make_tuple(hour.count, hour.head), std::make_tuple(HOUR_SLOTS, 0));
+  EXPECT_EQ(hour.slots[0].counters.password_guessing, 1u);
+}
+
+TEST_F(StatsTest, CountersWrapToZeroAndResetKeepsReportDue) {
+  count_day_attack(4);
+  day.slots[0].counters.browser_hijacking = 4294967295u;
+  day.total.counters.internal_attack = 4294967295u;
+  count_day_attack(104);
+  EXPECT_EQ(day.slots[0].counters.browser_hijacking, 0u);
+  EXPECT_EQ(day.total.counters.internal_attack, 0u);
+
+  count_hour_attack(1);
+  clock_set(utc("2024-03-06 01:00:00"));
+  count_day_attack(1);
+  set_report_send_ok(0);
+  reset_attack_stats();
+  EXPECT_TRUE(report_due() == 1 && report_send_ok() == 1);
+  EXPECT_EQ(day.count + day.head + day.dirty + hour.count + hour.dirty, 0);
+  EXPECT_EQ(day.total.time + day.slots[1].time, 0);
+  EXPECT_EQ(day.total.counters.intrusion_attempt + hour.slots[0].counters.intrusion_attempt, 0u);
+  roll_at("2024-03-06 02:00:00");
+  EXPECT_EQ(shape(), Shape(1, 0, 0, 1, 0));
 }
 
 }  // namespace

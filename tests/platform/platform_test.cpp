@@ -1,0 +1,93 @@
+// What the generator and the daemon read: endpoints of a website line, their canonical form
+// (two spellings of one listener are one listener), br0's IPv6 network for the daemon's
+// inside/outside decision, and the settings file (rzpz) with every quirk the daemon's level
+// and period depend on.
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstring>
+#include <fstream>
+#include <string>
+
+#include "platform/platform.h"
+#include "sandbox.h"
+
+TEST(Address, EndpointSplitsOrRefusesEachForm) {
+  // Each text and its scheme, host and port, or "" where it is refused.
+  const std::pair<const char *, const char *> cases[] = {
+      {"", "http 0.0.0.0 "}, {"8080", "http 0.0.0.0 8080"}, {"10.1.2.3:81", "http 10.1.2.3 81"},
+      {"[fe80::1]:443", "http [fe80::1] 443"}, {"https://10.1.2.3", "https 10.1.2.3 "},
+      {"HTTPS://10.1.2.3:8443", "HTTPS 10.1.2.3 8443"}, {"http://", "http 0.0.0.0 "},
+      {"10.1.2.3:", "http 10.1.2.3 "},
+      {"10.1.2.38080", "http 10.1.2.38080 "},  // the last run takes every digit
+      {"999.1.1.300:70000", "http 999.1.1.300 70000"}, {"example.com:80", ""},
+      {"ftp://10.1.2.3", ""}, {"10.1.2", ""}, {"10.1.2.3:80 ", ""}, {"fe80::1", ""},
+      {"[fe80::1%br0]", ""}};
+  for (const auto &c : cases) {
+    std::string scheme = "old-s", host = "old-h", port = "old-p";
+    int rc = parse_endpoint(c.first, scheme, host, port);
+    // A refusal leaves the caller's strings alone.
+    EXPECT_EQ(std::to_string(rc) + " " + scheme + " " + host + " " + port,
+              *c.second ? std::string("0 ") + c.second : "-2 old-s old-h old-p") << '"' << c.first << '"';
+  }
+}
+
+TEST(Address, CanonicalPortAndIp) {
+  char port[16] = "0080";
+  EXPECT_EQ(normalize_port(port), 0);
+  EXPECT_STREQ(port, "80");
+  for (const char *bad : {"65536", "0", "000", "", "8a", "-1", "99999999999"}) {
+    std::strcpy(port, bad);
+    EXPECT_EQ(normalize_port(port), -1) << bad;
+  }
+  char ip[IPV6_BRACKET_TEXT_SIZE] = "[2001:DB8:0:0::1]";
+  EXPECT_EQ(normalize_ip(ip), 0);
+  EXPECT_STREQ(ip, "[2001:db8::1]");
+  for (const char *bad : {"[zz]", "[::1"}) {
+    std::strcpy(ip, bad);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(normalize_ip(ip), 1) << bad;
+    testing::internal::GetCapturedStdout();
+  }
+}
+
+TEST(Address, InsideBr0sIpv6NetworkByWholePrefixBytes) {
+  REQUIRE_SANDBOX();
+  sandbox_del_br0();
+  // Without br0 the fallback address gives no network.
+  EXPECT_EQ(is_internal_addr("192.168.1.20"), 0);
+  ASSERT_EQ(sandbox_add_br0("192.168.77.1/24"), 0);
+  ASSERT_EQ(sandbox_add_br0("fd00:77::1/60"), 0);
+  for (const char *inside : {"fd00:77::99", "fd00:77:0:ff::1"})  // bits of byte 7 are not compared
+    EXPECT_EQ(is_internal_addr(inside), 1) << inside;
+  for (const char *outside : {"fd00:78::1", "192.168.77.5:80"})  // a colon makes it IPv6
+    EXPECT_EQ(is_internal_addr(outside), 0) << outside;
+  for (const char *local : {"[fd00:77::1]", "[::]", "0.0.0.0", "192.168.77.1"})
+    EXPECT_EQ(is_local_address(local), 1) << local;
+  EXPECT_EQ(is_local_address("[fe80::1]"), 0);
+  sandbox_del_br0();
+}
+
+TEST(Settings, FirstExactKeyWinsAndHugeValuesStopAtTheEnds) {
+  REQUIRE_SANDBOX();
+  const char path[] = "/tmp/rzpz";
+  struct Case {
+    std::string text;
+    int rc, value;
+  } cases[] = {
+      {"other=3\nmox_logd =9\nno equals\nmox_logd=2\nmox_logd=3\n", 0, 2}, {"mox_logd=1=x\n", 0, 1},
+      {"mox_logd= 42abc\n", 0, 42}, {"mox_logd=99999999999\n", 0, INT_MAX},
+      {"mox_logd=-99999999999\n", 0, INT_MIN}, {"other=1\nmox_logd\n", 1, 77},
+      // A piece of SETTING_LINE_SIZE - 1 bytes ends a line of its own.
+      {std::string(SETTING_LINE_SIZE - 1, 'x') + "mox_logd=abc\n", 0, 0}};
+  for (const Case &c : cases) {
+    std::ofstream(path) << c.text;
+    int value = 77;
+    EXPECT_EQ(read_setting(path, "mox_logd", &value), c.rc) << c.text;
+    EXPECT_EQ(value, c.value) << c.text;
+  }
+  int value = 77;
+  EXPECT_EQ(read_setting("/tmp/missing", "mox_logd", &value), -1);
+  EXPECT_EQ(value, 77);
+  std::remove(path);
+}
