@@ -1,12 +1,12 @@
-// The generator under mox_conf: the stored text as an older tool may have left it, template
-// expansion, one website line to its blocks, and the limits that mox_conf's own checks
-// normally keep it from meeting. Whole files through the real tool are the admin tests' part.
+// The generator under mox_conf: the stored text as an older tool may have left it, one
+// website line to its blocks, and the limits that mox_conf's own checks normally keep it
+// from meeting. Whole files through the real tool are the admin tests' part; the template
+// expansion meets hostile input in its fuzz target.
 #include <gtest/gtest.h>
 #include <time.h>
 
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include "confgen/confgen.h"
 #include "platform/platform.h"
@@ -41,22 +41,6 @@ class Confgen : public ::testing::Test {
     char out[PROXY_VALUE_SIZE] = {};
     int len = -1;
     return parser_get(id, out, &len) == 0 && len == (int)strlen(out) ? out : "<none>";
-  }
-  // Expands the nginx template with these placeholder records; the result and its code.
-  std::string expand(const std::string &tmpl, std::vector<std::pair<const char *, std::string>> keys,
-                     int *rc, std::vector<int> *still_active = nullptr) {
-    EXPECT_EQ(write_file(NGINX_TEMPLATE_PATH, tmpl.data(), tmpl.size()), 0);
-    para_entry entries[PARA_KEY_COUNT] = {};
-    for (size_t i = 0; i < keys.size(); i++) {
-      entries[i].active = 1;
-      snprintf(entries[i].key, sizeof entries[i].key, "%s", keys[i].first);
-      snprintf(entries[i].value, sizeof entries[i].value, "%s", keys[i].second.c_str());
-    }
-    std::string out(STORED_TEXT_SIZE, '\0');
-    int len = -5;
-    *rc = handle_data(DATA_NGINX, entries, &out[0], &len);
-    for (size_t i = 0; still_active && i < keys.size(); i++) still_active->push_back(entries[i].active);
-    return len < 0 ? "<untouched>" : out.substr(0, (size_t)len);
   }
   // One website line to its blocks; "stale" shows a result not cleared.
   int website(const char *text, std::string *result) {
@@ -107,35 +91,6 @@ TEST_F(Confgen, StoredTextIsReadAndEditedByPlainSubstringAndBraces) {
     EXPECT_EQ(e.save ? parser_save(e.id, e.arg) : parser_delete(e.id, e.arg), e.rc) << e.after;
     EXPECT_EQ(stored(), e.after);
   }
-}
-
-TEST_F(Confgen, TemplateRecordServesTheFirstLineThatHoldsIt) {
-  int rc = 0;
-  std::vector<int> active;
-  // A record is spent on its first line, in list order: a later key in a value is replaced,
-  // an earlier one kept.
-  EXPECT_EQ(expand("a {admin_ip} x {admin_ip}\nb {admin_ip}\n\n{syslog_ip} {mox_user}\n",
-                   {{"{mox_user}", "root"}, {"{syslog_ip}", "<{syslog_port}|{mox_user}>"},
-                    {"{syslog_port}", "514"}, {"{admin_ip}", "1.2.3.4"}, {"{syslog_facility}", "x"}},
-                   &rc, &active),
-            "a 1.2.3.4 x 1.2.3.4\nb {admin_ip}\n\n<514|{mox_user}> root\n");
-  EXPECT_EQ(active, std::vector<int>({0, 0, 0, 0, 1}));
-  // A substitution that would outgrow the line leaves it, and the record, for the next.
-  const std::string v(PARA_ENTRY_VALUE_SIZE - 1, 'v');  // 5 x 127 > 511
-  EXPECT_EQ(expand("{admin_ip}{admin_ip}{admin_ip}{admin_ip}{admin_ip}\nip {admin_ip}\n",
-                   {{"{admin_ip}", v}}, &rc),
-            "{admin_ip}{admin_ip}{admin_ip}{admin_ip}{admin_ip}\nip " + v + "\n");
-  // No newline at the end; an empty template.
-  EXPECT_EQ(expand("x\n\nlast {admin_ip}", {{"{admin_ip}", "A"}}, &rc), "x\n\nlast A\n");
-  EXPECT_EQ(expand("", {}, &rc), "");
-  EXPECT_EQ(rc, 0);
-  // No template, no such kind.
-  para_entry entries[PARA_KEY_COUNT] = {};
-  char out[64];
-  int len = -5;
-  EXPECT_EQ(handle_data(DATA_QSP, entries, out, &len), 1);
-  EXPECT_EQ(handle_data(7, entries, out, &len), -1);
-  EXPECT_EQ(len, -5);
 }
 
 TEST_F(Confgen, WebsiteLineGivesItsBlocksOrNothing) {

@@ -1,3 +1,6 @@
+// The diagnostic log: its line format, levels, the trim that keeps it near 32 KiB, and a
+// log that cannot be opened. The level read from the settings file is the black-box tests'
+// part.
 #include "logging/logging.h"
 
 #include <gtest/gtest.h>
@@ -91,16 +94,13 @@ TEST_F(LogTest, TrimKeepsTailFromWholeLine) {
     std::vector<size_t> newlines;
     long kept_from;  // -1: left whole
   } cases[] = {
-      {32767, {20000, 32766}, -1},
-      {32768, {13000, 13200, 20000, 32767}, 13201},  // start 13107
-      {32768, {13107, 32767}, 13108},                // newline right at start
-      {32768, {13106, 13500, 32767}, 13501},         // line beginning at start dropped
-      {32768, {1000}, -1},                           // no newline behind start
-      {32768, {32767}, 32768},                       // last byte only: empty file
-      {54613, {21900, 41600}, 21901},                // start 21845
-      {54614, {21900, 41600}, 41601},                // start 41507
-      {100000, {40000, 87000, 99999}, 87001},        // start 86893
-  };
+      {32767, {20000, 32766}, -1}, {32768, {13000, 13200, 20000, 32767}, 13201},  // start 13107
+      {32768, {13107, 32767}, 13108},         // newline right at start
+      {32768, {13106, 13500, 32767}, 13501},  // line beginning at start dropped
+      {32768, {1000}, -1},                    // no newline behind start
+      {32768, {32767}, 32768},                // last byte only: empty file
+      {54613, {21900, 41600}, 21901}, {54614, {21900, 41600}, 41601},  // start 21845, 41507
+      {100000, {40000, 87000, 99999}, 87001}};  // start 86893
   for (const Case &c : cases) {
     std::string original = filled(c.size, c.newlines);
     ASSERT_TRUE(spill(path, original));
@@ -114,10 +114,10 @@ TEST_F(LogTest, TrimKeepsTailFromWholeLine) {
   DLOG_ERROR("one");  // crosses 32768 while running
   DLOG_ERROR("two");  // goes to the new stream
   EXPECT_TRUE(head_then(slurp(path), original.substr(20001), "[^\n]*  one\n[^\n]*  two\n"));
-}
 
-TEST_F(LogTest, TrimWithoutTempFileLeavesLogWhole) {
-  std::string original = filled(40000, {20000, 39999});
+  // Without a temporary file the log stays whole.
+  log_close();
+  original = filled(40000, {20000, 39999});
   ASSERT_TRUE(spill(path, original));
   ASSERT_EQ(mkdir((path + ".tmp").c_str(), 0700), 0);  // "w+" cannot open it
   log_init(path.c_str(), nullptr, LOG_MASK_FILE);
@@ -131,7 +131,7 @@ struct FailingLog {
   long pos = 0;
   static ssize_t read(void *c, char *buf, size_t size) {
     FailingLog *f = static_cast<FailingLog *>(c);
-    if (f->pos >= kGoodEnd) return -1;
+    if (f->pos >= kGoodEnd) return -1;  // for ever
     size_t n = std::min(size, static_cast<size_t>(kGoodEnd - f->pos));
     for (size_t i = 0; i < n; i++) buf[i] = (f->pos + i) % 100 == 99 ? '\n' : 'x';
     f->pos += n;
@@ -161,23 +161,6 @@ TEST_F(LogTest, ReadErrorDuringCopyAbandonsTrim) {
   free(sink.path);
 }
 
-TEST_F(LogTest, OpenMakesFoldersWithMode0766) {
-  mode_t old_mask = umask(0);
-  std::string nested = dir + "/a/b/logd.log";
-  log_init(nested.c_str(), nullptr, LOG_MASK_FILE);
-  umask(old_mask);
-  EXPECT_STREQ(LogSink.path, nested.c_str());
-  for (const char *sub : {"/a", "/a/b"}) {
-    struct stat st;
-    ASSERT_EQ(stat((dir + sub).c_str(), &st), 0) << sub;
-    EXPECT_EQ(st.st_mode & (S_IFMT | 07777), S_IFDIR | 0766u) << sub;
-  }
-  LogSink.level = 0;
-  log_open(path.c_str(), "mox_logd", LOG_MASK_STDOUT);  // open sink: ignored
-  EXPECT_STREQ(LogSink.path, nested.c_str());
-  EXPECT_TRUE(LogSink.level == 0 && LogSink.mask == LOG_MASK_FILE);
-}
-
 TEST_F(LogTest, OpenFailuresEndProcess) {
   using testing::ExitedWithCode;
   EXPECT_EXIT(log_open(nullptr, nullptr, 1), ExitedWithCode(1), "path is NULL");
@@ -190,24 +173,6 @@ TEST_F(LogTest, OpenFailuresEndProcess) {
     EXPECT_EXIT(log_open(p.c_str(), nullptr, 1), ExitedWithCode(1), "open file failure") << p;
   EXPECT_EXIT((void)(chdir(dir.c_str()) == 0 && (log_open("isdir", nullptr, 1), 0)),
               ExitedWithCode(1), "open file failure");  // no "/" at all
-}
-
-// The parse itself is the settings tests' part; these are the values no level has.
-TEST_F(LogTest, LevelFromSettingsFile) {
-  ASSERT_EQ(make_dirs("/media/nand/mox_data"), 0);
-  const std::pair<const char *, int32_t> cases[] = {
-      {"mox_logd=2\n", 2}, {"mox_logd=7\n", 4}, {"mox_logd=-1\n", 4}, {"mox_logd=abc\n", 0},
-      {"mox_logd=4294967297\n", 4}, {"other=0\n", 4}, {nullptr, 4}};  // never wrapped into 1
-  for (const auto &c : cases) {
-    unlink(RZPZ_PATH);
-    ASSERT_TRUE(!c.first || spill(RZPZ_PATH, c.first));
-    LogSink.level = 99;
-    log_init(path.c_str(), "mox_logd", LOG_MASK_FILE | LOG_MASK_STDOUT);
-    EXPECT_EQ(LogSink.level, c.second) << (c.first ? c.first : "(no file)");
-    EXPECT_EQ(LogSink.mask, 3u);
-  }
-  log_init(path.c_str(), nullptr, LOG_MASK_FILE);  // no key to look for
-  EXPECT_EQ(LogSink.level, 4);
 }
 
 }  // namespace

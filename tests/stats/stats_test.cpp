@@ -1,5 +1,5 @@
 // The day and hour rings and their files under /tmp/mox/log, with the clock pinned: rolls,
-// round trips through the files, damaged files and the count file. Which class lands in
+// round trips through the files, damaged files, the count file and the report hour. Which class lands in
 // which counter, and the files' text, are the black-box tests' part.
 #include <gtest/gtest.h>
 
@@ -11,9 +11,11 @@
 #include <string>
 #include <tuple>
 
+#include "confgen/confgen.h"
 #include "files.h"
 #include "platform/platform.h"
 #include "sandbox.h"
+#include "shipping/shipping.h"
 #include "stats/stats.h"
 
 namespace {
@@ -229,6 +231,29 @@ TEST_F(StatsTest, CountersWrapToZeroAndResetKeepsReportDue) {
   EXPECT_EQ(day.total.counters.intrusion_attempt + hour.slots[0].counters.intrusion_attempt, 0u);
   roll_at("2024-03-06 02:00:00");
   EXPECT_EQ(shape(), Shape(1, 0, 0, 1, 0));
+}
+
+// The report hour is drawn anew from randtime once a report is due and its time reached;
+// delivery is the black-box tests' part.
+TEST_F(StatsTest, ReportTimeIsRenewedOnlyWhenDueAndReached) {
+  setenv("TZ", "UTC", 1);
+  tzset();
+  ASSERT_EQ(0, make_dirs("/media/nand/mox_data"));
+  ASSERT_EQ(0, parser_save(PARSER_RANDTIME, "20 2"));
+  RateLimitLogSender sender("", 0);
+  int hour = 23, minute = 58;
+  roll_at("2024-03-05 12:00:00");
+  roll_at("2024-03-06 12:00:00");  // due, but 12:00 is before 23:58
+  report_cycle(sender, &hour, &minute);
+  EXPECT_EQ(std::make_tuple(1, 23, 58), std::make_tuple(report_due(), hour, minute));
+  hour = 12;
+  minute = 0;  // reached to the minute
+  report_cycle(sender, &hour, &minute);
+  EXPECT_EQ(0, report_due());
+  EXPECT_TRUE((hour == 20 || hour == 21) && minute >= 0 && minute < REPORT_MINUTES) << hour << ":" << minute;
+  const int h = hour, m = minute;
+  report_cycle(sender, &hour, &minute);  // not due: left alone
+  EXPECT_EQ(std::make_tuple(h, m), std::make_tuple(hour, minute));
 }
 
 }  // namespace
