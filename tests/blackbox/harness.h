@@ -20,7 +20,7 @@
 
 #include "files.h"
 #include "records.h"
-#include "run_binary.h"  // also fcntl, unistd, sys/wait, string and vector
+#include "run_binary.h"  // also fcntl, unistd, sys/wait, cstring, string and vector
 #include "sandbox.h"
 
 const char kLogPath[] = "/tmp/mox/log/logd.log";
@@ -69,30 +69,12 @@ inline bool socket_live(const char *path) {
   return live;
 }
 
-// fork and exec with our environment less clock faking, plus TZ=UTC and extra_env; stdin
-// /dev/null, output to out_path (or /dev/null), own process group if asked. pid, or -1.
-inline pid_t spawn(std::vector<std::string> argv, const std::vector<std::string> &extra_env,
+// spawn with both outputs to out_path (or /dev/null).
+inline pid_t spawn(const std::vector<std::string> &argv, const std::vector<std::string> &env,
                    const char *out_path, bool own_group) {
-  std::vector<std::string> env = extra_env;
-  env.push_back("TZ=UTC");
-  for (char **e = environ; *e; e++)
-    if (std::strncmp(*e, "LD_PRELOAD=", 11) && std::strncmp(*e, "FAKETIME", 8) &&
-        std::strncmp(*e, "TZ=", 3))
-      env.push_back(*e);
-  std::vector<char *> args, envp;
-  for (std::string &a : argv) args.push_back(&a[0]);
-  for (std::string &e : env) envp.push_back(&e[0]);
-  args.push_back(nullptr);
-  envp.push_back(nullptr);
-  pid_t pid = fork();
-  if (pid == 0) {
-    if (own_group) setpgid(0, 0);
-    int in = open("/dev/null", O_RDONLY);
-    int fd = open(out_path ? out_path : "/dev/null", O_WRONLY | O_CREAT | O_APPEND, 0644);
-    if (in < 0 || fd < 0 || dup2(in, 0) < 0 || dup2(fd, 1) < 0 || dup2(fd, 2) < 0) _exit(126);
-    execve(args[0], args.data(), envp.data());
-    _exit(127);
-  }
+  int fd = open(out_path ? out_path : "/dev/null", O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  pid_t pid = spawn(argv[0].c_str(), argv, env, fd, fd, own_group);
+  if (fd >= 0) close(fd);
   return pid;
 }
 

@@ -30,18 +30,10 @@ static volatile int counting;
 static volatile int allocations;
 
 // Interposed for the whole test binary; counts only while asked to.
-extern "C" void *malloc(size_t n) {
-  if (counting) allocations = allocations + 1;
-  return __libc_malloc(n);
-}
-extern "C" void *calloc(size_t n, size_t m) {
-  if (counting) allocations = allocations + 1;
-  return __libc_calloc(n, m);
-}
-extern "C" void *realloc(void *p, size_t n) {
-  if (counting) allocations = allocations + 1;
-  return __libc_realloc(p, n);
-}
+static int counted() { return counting ? (allocations = allocations + 1) : 0; }
+extern "C" void *malloc(size_t n) { return counted(), __libc_malloc(n); }
+extern "C" void *calloc(size_t n, size_t m) { return counted(), __libc_calloc(n, m); }
+extern "C" void *realloc(void *p, size_t n) { return counted(), __libc_realloc(p, n); }
 #endif
 
 namespace {
@@ -52,21 +44,16 @@ AttackClass classify(const std::string &columns) {
 }
 
 TEST(Intake, DecisionListAndColumns) {
+  // The one class per rule and the marks that are not are the black-box tests' part.
   const std::pair<std::string, AttackClass> cases[] = {
-      {record_columns({{34, "a-b-3"}, {9, "-10"}, {5, "1"}}), 1},  // row 1 beats 3 and 5
-      {record_columns({{34, "a--5"}}), 1},                         // read as a-0-5
+      {record_columns({{34, "a-b-3"}, {12, "-1"}, {5, "1"}}), 1},  // row 1 beats 2 and 3
       {record_columns({{34, "--5"}}), 0},  // an empty first piece stops before the mark
       {record_columns({{34, "a-b-1"}}, 34), 1},  // 34 columns are a whole record
-      {record_columns({{12, "134217728"}, {5, "1"}}), 2},
-      {record_columns({{12, "-1"}}), 2},        // every bit set includes bit 27
-      {record_columns({{12, "67108864"}}), 0},  // bit 26 alone marks nothing
-      {record_columns({{28, "30"}}), 2}, {record_columns({{28, "38"}}), 2},
-      {record_columns({{28, "39"}}), 0}, {record_columns({{28, "29"}}), 0},
-      {record_columns({{5, "1"}, {6, "22"}}), 3},
+      {record_columns({{12, "-1"}, {5, "1"}}), 2},  // every bit set includes bit 27
+      {record_columns({{28, "30"}}), 2}, {record_columns({{28, "31"}, {6, "1"}}), 2},
       {record_columns({{7, "1"}}), 3},  // slot 1 counts from any slot field
       // Empty columns read as 0 and keep the later ones in their places.
       {record_columns({{5, ""}, {6, ""}, {7, ""}, {8, "1"}}), 3},
-      {record_columns({{9, "-10"}}), 5}, {record_columns({}), 0},
       {record_columns({{32, "-10"}}), 0},  // spare_code is never consulted
       {record_columns({{9, "-11"}}), 0},
       {":" + record_columns({{5, "1"}}), 0},  // an empty first column stops the scan

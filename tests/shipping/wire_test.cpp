@@ -1,5 +1,5 @@
 // The wire side of shipping that the black-box tests do not reach: a seal that opens only
-// with its key and fails on any change, the syslog stamp in other zones, the report's
+// with its key and fails on any change, the syslog stamp in other zones, the device's
 // identity, and mox_logdecode's exit codes, copies and counts on hand-made input.
 #include <signal.h>
 #include <stdlib.h>
@@ -166,22 +166,6 @@ TEST_F(Ship, SyslogStampCarriesTheZoneInWholeHours) {
   EXPECT_EQ(-1, format_syslog_message('A', "QUJD", small, sizeof small));
 }
 
-TEST_F(Ship, ReportWithoutLanBridgeKeepsItsCountsAndEscapesTheSerial) {
-  REQUIRE_SANDBOX();
-  ASSERT_EQ(0, sandbox_del_br0());
-  char out[SHIP_ENVELOPE_SIZE];
-  int n = build_attack_envelope(kFragment, out, sizeof out);
-  ASSERT_GT(n, 0);
-  std::string report(out, n);
-  EXPECT_NE(std::string::npos, report.find("\"device_mac_address\":\"\",\"device_firmware_version\""))
-      << report;
-  EXPECT_NE(std::string::npos, report.find(kFragment)) << report;
-  // A serial with a quote and a backslash must not break the report.
-  char esc[32];
-  EXPECT_EQ(13, json_escape("SN\"4\\\x01", esc, sizeof esc));
-  EXPECT_STREQ("SN\\\"4\\\\\\u0001", esc);
-}
-
 TEST_F(Ship, LogdecodeExitsByWhatItReadAndDropsCopies) {
   REQUIRE_SANDBOX();
   std::string records = "first record\nsecond record";
@@ -226,8 +210,9 @@ TEST_F(Ship, LogdecodeExitsByWhatItReadAndDropsCopies) {
 }
 
 // The device identifier comes from the router's serial command, run on the main loop's
-// thread when a report is built: a serial with JSON's own characters is taken as it is, and
-// a command that hangs costs the loop a bounded wait and does not stay behind.
+// thread when a report is built: a serial with JSON's own characters is taken as it is (and
+// escaped in the report), and a command that hangs costs the loop a bounded wait and does
+// not stay behind.
 TEST(DeviceId, SerialAsItIsElseTheMachineIdAfterABoundedWait) {
   REQUIRE_SANDBOX();
   ASSERT_EQ(0, system("mkdir -p /tmp/bin"));
@@ -235,6 +220,9 @@ TEST(DeviceId, SerialAsItIsElseTheMachineIdAfterABoundedWait) {
   long long took = 0;
   EXPECT_EQ(0, device_id_with("echo 'Board name : X1'\necho 'Device serial : SN\"42\\x'\n", id, &took));
   EXPECT_STREQ("SN\"42\\x", id);
+  char escaped[32];
+  EXPECT_EQ(13, json_escape("SN\"4\\\x01", escaped, sizeof escaped));
+  EXPECT_STREQ("SN\\\"4\\\\\\u0001", escaped);
 
   int rc = device_id_with("echo $$ > /tmp/bin/pid\nexec sleep 60\n", id, &took);
   EXPECT_GE(took, SHIP_SERIAL_TIMEOUT_MS - 100);

@@ -1,3 +1,6 @@
+// The release package: packed reproducibly, found behind a program image, installed as a
+// whole folder keeping the generated files, and refused, changing nothing, when altered,
+// signed by another key or built to escape its folder.
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
@@ -5,14 +8,12 @@
 
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <set>
 #include <string>
-#include <utility>
 #include <vector>
 
+#include "files.h"
 #include "platform/platform.h"
 #include "sandbox.h"
 #include "store/store.h"
@@ -40,10 +41,8 @@ class PackageTest : public ::testing::Test {
     for (const auto &e : fs::recursive_directory_iterator(dir)) {
       struct stat st;
       EXPECT_EQ(lstat(e.path().c_str(), &st), 0);
-      std::ifstream f(e.path(), std::ios::binary);
-      std::string bytes = S_ISREG(st.st_mode) ? std::string(std::istreambuf_iterator<char>(f), {})
-                                              : std::string(S_ISDIR(st.st_mode) ? "dir" : "other");
-      out[fs::relative(e.path(), dir).string()] = {st.st_mode & 07777, bytes};
+      out[fs::relative(e.path(), dir).string()] = {
+          st.st_mode & 07777, S_ISREG(st.st_mode) ? slurp(e.path()) : S_ISDIR(st.st_mode) ? "dir" : "other"};
     }
     return out;
   }
@@ -51,9 +50,6 @@ class PackageTest : public ::testing::Test {
     std::set<std::string> out;
     for (const auto &e : fs::directory_iterator(dir)) out.insert(e.path().filename().string());
     return out;
-  }
-  static void put(const char *path, const std::string &data) {
-    ASSERT_EQ(write_file(path, data.data(), data.size()), 0);
   }
   static std::string be32(size_t v) {
     return {static_cast<char>(v >> 24), static_cast<char>(v >> 16), static_cast<char>(v >> 8),
@@ -78,18 +74,18 @@ class PackageTest : public ::testing::Test {
 TEST_F(PackageTest, InstallsTheReleaseWholeAndKeepsTheGeneratedFiles) {
   std::string pkg = pack(), back;
   EXPECT_EQ(pack(), pkg);  // reproducible: same inputs, same bytes
-  put("/tmp/mox/image", "\177ELF program" + pkg + be32(pkg.size()));
+  ASSERT_TRUE(spill("/tmp/mox/image", "\177ELF program" + pkg + be32(pkg.size())));
   ASSERT_EQ(release_package_of_image("/tmp/mox/image", back, why_, sizeof why_), 0) << why_;
   EXPECT_EQ(back, pkg);
-  put("/tmp/mox/bare", "\177ELF program");
+  ASSERT_TRUE(spill("/tmp/mox/bare", "\177ELF program"));
   EXPECT_NE(release_package_of_image("/tmp/mox/bare", back, why_, sizeof why_), 0);
   EXPECT_NE(strstr(why_, "no release package appended"), nullptr) << why_;
 
   // An old release: a generated file to keep, a template to replace, a file to drop.
   ASSERT_EQ(make_dirs(TARGET "/nginx"), 0);
-  put(TARGET "/nginx/nginx.conf", "generated nginx");
-  put(TARGET "/nginx/policy_default.conf", "old policy");
-  put(TARGET "/stale", "gone");
+  ASSERT_TRUE(spill(TARGET "/nginx/nginx.conf", "generated nginx"));
+  ASSERT_TRUE(spill(TARGET "/nginx/policy_default.conf", "old policy"));
+  ASSERT_TRUE(spill(TARGET "/stale", "gone"));
   mode_t old_mask = umask(0);
   ReleaseCount count = {0, 0, 0};
   int rc = release_install(pkg, TARGET, keep, &count, why_, sizeof why_);
@@ -113,7 +109,7 @@ TEST_F(PackageTest, InstallsTheReleaseWholeAndKeepsTheGeneratedFiles) {
 TEST_F(PackageTest, RefusesAlteredForeignAndHostilePackagesAndChangesNothing) {
   std::string good = pack(), archive;
   ASSERT_EQ(release_install(good, TARGET, keep, nullptr, why_, sizeof why_), 0) << why_;
-  put(TARGET "/nginx/nginx.conf", "generated");
+  ASSERT_TRUE(spill(TARGET "/nginx/nginx.conf", "generated"));
   const Tree before = tree(TARGET);
   ASSERT_EQ(release_verify(good, archive, nullptr, why_, sizeof why_), 0) << why_;
   EVP_PKEY *foreign = EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519");
