@@ -1,6 +1,6 @@
 // The wire side of shipping that the black-box tests do not reach: a seal that opens only
-// with its key and fails on any change, the syslog stamp in other zones, the device's
-// identity, and mox_logdecode's exit codes, copies and counts on hand-made input.
+// with its key and fails on any change, the device's identity, and mox_logdecode's exit
+// codes, copies and counts on hand-made input.
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -141,29 +141,6 @@ TEST_F(Ship, SealOpensOnlyWithItsKeyAndFailsOnAnyChange) {
   std::string message = access_message(1, big);
   message[message.size() / 2] = message[message.size() / 2] == 'A' ? 'B' : 'A';
   EXPECT_EQ(OPEN_TAMPERED, open(message, {access_key_}, &kind, &plain));
-}
-
-TEST_F(Ship, SyslogStampCarriesTheZoneInWholeHours) {
-  clock_set(1709622489);  // 2024-03-05 07:08:09 UTC
-  std::string tz = getenv("TZ") ? getenv("TZ") : "";
-  const std::pair<const char *, const char *> zones[] = {
-      {"UTC0", "2024-03-05T07:08:09+00:00"}, {"EST5", "2024-03-05T02:08:09-05:00"},
-      {"IST-5:30", "2024-03-05T12:38:09+05:00"}};
-  for (auto &z : zones) {
-    setenv("TZ", z.first, 1);
-    tzset();
-    char out[256];
-    int n = format_syslog_message('L', "QUJD", out, sizeof out);
-    char host[SHIP_DEVICE_NAME_SIZE] = {0};
-    gethostname(host, sizeof host - 1);
-    EXPECT_EQ(std::string(out, n > 0 ? n : 0),
-              std::string("<190>") + z.second + " " + host + " mox_logd: MOX2 L QUJD");
-  }
-  if (tz.empty()) unsetenv("TZ"); else setenv("TZ", tz.c_str(), 1);
-  tzset();
-  clock_set(0);
-  char small[40];
-  EXPECT_EQ(-1, format_syslog_message('A', "QUJD", small, sizeof small));
 }
 
 TEST_F(Ship, LogdecodeExitsByWhatItReadAndDropsCopies) {
