@@ -11,17 +11,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cerrno>
-#include <cstring>
-#include <functional>
 
-#include "files.h"
+#include "files.h"  // also string and functional
 #include "records.h"
-#include "run_binary.h"  // also fcntl, unistd, sys/wait, cstring, string and vector
-#include "sandbox.h"
+#include "run_binary.h"  // also fcntl, unistd, sys/wait, cstring, vector and sandbox.h
 
 const char kLogPath[] = "/tmp/mox/log/logd.log";
 const char kLockPath[] = "/tmp/mox/lock_writer.dat";
@@ -30,20 +26,6 @@ const char kAccessSock[] = "/tmp/mox/log/access.sock";
 const char kStatPath[] = "/tmp/mox/log/stat";
 // Every log line and a one-second loop period.
 const char kFastRzpz[] = "mox_logd=0\nmox_logd_period=1\n";
-
-// Polls every nap_ms until done or the time is up; done's last answer.
-inline bool wait_for(const std::function<bool()> &done, double seconds, long nap_ms = 20) {
-  auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  for (struct timespec nap = {0, nap_ms * 1000 * 1000}; !done(); nanosleep(&nap, nullptr))
-    if (std::chrono::steady_clock::now() >= end) return done();
-  return true;
-}
-
-inline size_t count_of(const std::string &hay, const std::string &needle) {
-  size_t n = 0;
-  for (size_t at = hay.find(needle); at != std::string::npos; at = hay.find(needle, at + 1)) n++;
-  return n;
-}
 
 inline bool in_log(const std::string &text) { return slurp(kLogPath).find(text) != std::string::npos; }
 
@@ -54,8 +36,7 @@ inline bool write_rzpz(const char *text) {
 }
 
 inline sockaddr_un unix_addr(const char *path) {
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
+  sockaddr_un addr{AF_UNIX, {}};
   std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path);
   return addr;
 }

@@ -26,12 +26,6 @@ int set_logserver(int port, const char *rate) {
 
 int port_refused() { return Collector().port(); }  // closed again at once
 
-size_t count_of(const std::string &hay, const std::string &needle) {
-  size_t n = 0;
-  for (size_t at = hay.find(needle); at != std::string::npos; at = hay.find(needle, at + 1)) n++;
-  return n;
-}
-
 class Sender : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -129,10 +123,9 @@ TEST_F(Sender, SpoolHoldsWhatFitsAndDeliversItInOrder) {
   srand(7);
   const int total = 5000;
   feed(s, total, 200);
-  AccessLosses lost{};
-  for (int waited = 0; waited < 10000 && (lost = s.access_losses()).spool_full == 0; waited += 50)
-    usleep(50000);
-  ASSERT_GT(lost.spool_full, 0u) << "nothing was dropped: the spool is larger than it should be";
+  ASSERT_TRUE(wait_for([&] { return s.access_losses().spool_full > 0; }, 10))
+      << "nothing was dropped: the spool is larger than it should be";
+  AccessLosses lost = s.access_losses();
   // A sealer that falls behind on a busy machine loses records too, counted as queue full.
   EXPECT_EQ(0u, lost.over_rate + lost.unsealable);
   EXPECT_LT(lost.spool_full, 2000u) << "the spool held less than 1 MiB";
@@ -149,7 +142,7 @@ TEST_F(Sender, SpoolHoldsWhatFitsAndDeliversItInOrder) {
                                               "/tmp/mox/got"});
     return count_of(r.out, "\n");
   };
-  for (int waited = 0; waited < 20000 && decode() < kept; waited += 100) usleep(100000);
+  wait_for([&] { return decode() >= kept; }, 20, 100);
   testing::internal::GetCapturedStdout();
   ASSERT_EQ(kept, count_of(r.out, "\n")) << r.err;
   EXPECT_NE(std::string::npos, r.err.find(" duplicates=0 missing=0\n")) << r.err;

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -25,15 +24,6 @@ int fail(const char *what) {
   return -1;
 }
 
-// Binds source onto a fresh empty file at target.
-int bind_file(const char *source, const char *target) {
-  int t = open(target, O_CREAT | O_WRONLY, 0666);
-  if (t < 0) return fail(target);
-  close(t);
-  if (mount(source, target, nullptr, MS_BIND, nullptr) != 0) return fail(target);
-  return 0;
-}
-
 int run(const std::string &cmd) {
   int rc = std::system((cmd + " >/dev/null 2>&1").c_str());
   return rc == 0 ? 0 : -1;
@@ -52,35 +42,26 @@ int sandbox_enter(void) {
 
   if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) return fail("unshare(CLONE_NEWNS|CLONE_NEWNET)");
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return fail("make / private");
-  // The source and build trees may themselves lie under /tmp (a CI clone):
-  // hold them open now and bind them back at their paths once /tmp is new.
-  const char *trees[] = {MOX_SOURCE_DIR, MOX_BINARY_DIR};
-  int tree_fds[2] = {-1, -1};
-  for (int i = 0; i < 2; i++)
-    if (std::strncmp(trees[i], "/tmp/", 5) == 0)
-      tree_fds[i] = open(trees[i], O_PATH | O_DIRECTORY | O_CLOEXEC);
-  // The devices are staged on a scratch tmpfs, since the host's /dev is
-  // about to be hidden, then bound into the private /dev.
-  const char *devices[] = {"null", "zero", "urandom"};
-  if (mount("none", "/tmp", "tmpfs", 0, "mode=1777") != 0) return fail("tmpfs on /tmp");
-  for (int pass = 0; pass < 2; pass++) {
-    if (pass == 1 && mount("none", "/dev", "tmpfs", 0, "mode=755") != 0) return fail("tmpfs on /dev");
-    for (const char *d : devices) {
-      std::string staged = std::string("/tmp/") + d, real = std::string("/dev/") + d;
-      if (bind_file((pass ? staged : real).c_str(), (pass ? real : staged).c_str()) != 0) return -1;
-    }
-  }
-  if (umount2("/tmp", MNT_DETACH) != 0) return fail("umount scratch /tmp");
-  if (mount("none", "/tmp", "tmpfs", 0, "mode=1777") != 0) return fail("tmpfs on /tmp");
-  if (mount("none", "/media", "tmpfs", 0, "mode=755") != 0) return fail("tmpfs on /media");
-  for (int i = 0; i < 2; i++) {
-    if (tree_fds[i] < 0) continue;
+  // What the fresh mounts hide but the tests need: three devices, and the source and build
+  // trees where they lie under /tmp (a CI clone). Held open inside the new namespace (a
+  // mount of another cannot be bound here), then bound back at their paths.
+  const char *keep[] = {"/dev/null", "/dev/zero", "/dev/urandom", MOX_SOURCE_DIR, MOX_BINARY_DIR};
+  int fds[5];
+  for (int i = 0; i < 5; i++)
+    fds[i] = i < 3 || std::strncmp(keep[i], "/tmp/", 5) == 0 ? open(keep[i], O_PATH | O_CLOEXEC) : -2;
+  for (const char *dir : {"/dev", "/tmp", "/media"})
+    if (mount("none", dir, "tmpfs", 0, std::strcmp(dir, "/tmp") ? "mode=755" : "mode=1777") != 0)
+      return fail(dir);
+  for (int i = 0; i < 5; i++) {
+    if (fds[i] == -2) continue;
     char source[64];
-    std::snprintf(source, sizeof source, "/proc/self/fd/%d", tree_fds[i]);
-    if (run(std::string("mkdir -p '") + trees[i] + "'") != 0 ||
-        mount(source, trees[i], nullptr, MS_BIND | MS_REC, nullptr) != 0)
-      return fail(trees[i]);
-    close(tree_fds[i]);
+    std::snprintf(source, sizeof source, "/proc/self/fd/%d", fds[i]);
+    // A file or a folder to bind onto.
+    int made = i < 3 ? close(open(keep[i], O_CREAT | O_WRONLY | O_CLOEXEC, 0666))
+                     : run(std::string("mkdir -p '") + keep[i] + "'");
+    if (fds[i] < 0 || made != 0 || mount(source, keep[i], nullptr, MS_BIND | MS_REC, nullptr) != 0)
+      return fail(keep[i]);
+    close(fds[i]);
   }
   if (run("ip link set lo up") != 0) {
     std::snprintf(reason, sizeof reason, "ip link set lo up failed (is iproute2 installed?)");

@@ -24,9 +24,8 @@ void map_clock() {
   const char *path = getenv("MOX_WALLCLOCK");
   if (path == nullptr) return;
   int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return;
-  void *p = mmap(nullptr, sizeof(WallClock), PROT_READ, MAP_SHARED, fd, 0);
-  close(fd);
+  void *p = fd < 0 ? MAP_FAILED : mmap(nullptr, sizeof(WallClock), PROT_READ, MAP_SHARED, fd, 0);
+  if (fd >= 0) close(fd);
   if (p != MAP_FAILED) shared_clock = static_cast<const volatile WallClock *>(p);
 }
 
@@ -55,11 +54,9 @@ time_t time(time_t *out) {
   return now;
 }
 
-int gettimeofday(struct timeval *tv, void *tz) {
-  (void)tz;
+int gettimeofday(struct timeval *tv, void *) {
   int64_t ns = fake_ns();
-  tv->tv_sec = (time_t)(ns / 1000000000);
-  tv->tv_usec = (suseconds_t)(ns % 1000000000 / 1000);
+  *tv = {(time_t)(ns / 1000000000), (suseconds_t)(ns % 1000000000 / 1000)};
   return 0;
 }
 
@@ -67,8 +64,7 @@ int clock_gettime(clockid_t id, struct timespec *ts) {
   if (id != CLOCK_REALTIME && id != CLOCK_REALTIME_COARSE)
     return (int)syscall(SYS_clock_gettime, id, ts);
   int64_t ns = fake_ns();
-  ts->tv_sec = (time_t)(ns / 1000000000);
-  ts->tv_nsec = (long)(ns % 1000000000);
+  *ts = {(time_t)(ns / 1000000000), (long)(ns % 1000000000)};
   return 0;
 }
 
