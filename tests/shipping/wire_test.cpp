@@ -126,20 +126,9 @@ TEST_F(Ship, SealOpensOnlyWithItsKeyAndFailsOnAnyChange) {
   for (size_t cut = 0; cut < sealed.size(); cut += 4)
     EXPECT_LT(open("MOX2 A " + sealed.substr(0, cut), {attack_key_}, &kind, &plain), 0) << cut;
 
-  // Access blocks are compressed before sealing; empty ones open as well.
-  std::string big;
-  for (int i = 0; big.size() < (1u << 20); i++)
-    big += "192.0.2." + std::to_string(i % 250) + " - - \"GET /item/" + std::to_string(i * 7919) +
-           " HTTP/1.1\" 200 " + std::to_string(i % 9000) + "\n";
-  for (const std::string &block : {big, std::string()}) {
-    std::string message = access_message(1, block);
-    EXPECT_LT(message.size(), block.size() / 2 + 1024);
-    plain = "x";
-    ASSERT_EQ(0, open(message, {attack_key_, access_key_}, &kind, &plain));
-    EXPECT_TRUE(kind == 'L' && plain == block);
-  }
-  std::string message = access_message(1, big);
-  message[message.size() / 2] = message[message.size() / 2] == 'A' ? 'B' : 'A';
+  std::string message = access_message(1, "a record\n");
+  char &tag = message[message.size() - 8];  // in the cipher's tag
+  tag = tag == 'A' ? 'B' : 'A';
   EXPECT_EQ(OPEN_TAMPERED, open(message, {access_key_}, &kind, &plain));
 }
 
