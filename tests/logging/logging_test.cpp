@@ -1,6 +1,6 @@
-// The diagnostic log: the trim that keeps it near 32 KiB, a trim that cannot finish, and a
-// log that cannot be opened. Its lines, levels and the level read from the settings file
-// are the black-box tests' part.
+// The diagnostic log: the trim that keeps it near 32 KiB, and a trim that cannot finish.
+// Its lines, levels and the level read from the settings file are the black-box tests'
+// part.
 #include "logging/logging.h"
 
 #include <gtest/gtest.h>
@@ -118,20 +118,6 @@ TEST_F(LogTest, ReadErrorDuringCopyAbandonsTrim) {
   EXPECT_NE(access((path + ".tmp").c_str(), F_OK), 0);
   fclose(stream);
   free(sink.path);
-}
-
-TEST_F(LogTest, OpenFailuresEndProcess) {
-  using testing::ExitedWithCode;
-  EXPECT_EXIT(log_open(nullptr, nullptr, 1), ExitedWithCode(1), "path is NULL");
-  ASSERT_TRUE(spill(dir + "/plain", ""));
-  ASSERT_EQ(mkdir((dir + "/isdir").c_str(), 0700), 0);
-  for (const std::string &p : {dir + "/plain/sub/logd.log",  // component is a file
-                               dir + "/" + std::string(1100, 'n') + "/x.log",  // >= 1024
-                               std::string("/proc"),  // under the root: "" cannot be made
-                               dir + "/isdir"})       // folders fine, second open fails
-    EXPECT_EXIT(log_open(p.c_str(), nullptr, 1), ExitedWithCode(1), "open file failure") << p;
-  EXPECT_EXIT((void)(chdir(dir.c_str()) == 0 && (log_open("isdir", nullptr, 1), 0)),
-              ExitedWithCode(1), "open file failure");  // no "/" at all
 }
 
 }  // namespace
