@@ -30,9 +30,12 @@ const char kNginxConf[] = "/tmp/mox/release/nginx/nginx.conf";
 const char kQspConf[] = "/tmp/mox/release/conf_shared/qsp_conf.json";
 const char kNginx[] = "/usr/sbin/nginx";
 
-std::string replaced(std::string text, const std::string &from, const std::string &to) {
-  for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
-    text.replace(at, from.size(), to);
+// A release template with each placeholder replaced everywhere.
+std::string expanded(const char *name, std::vector<std::pair<std::string, std::string>> values) {
+  std::string text = slurp(std::string(MOX_SOURCE_DIR "/release/") + name);
+  for (const auto &v : values)
+    for (size_t at = text.find(v.first); at != std::string::npos; at = text.find(v.first, at))
+      text.replace(at, v.first.size(), v.second);
   return text;
 }
 
@@ -117,10 +120,9 @@ TEST_F(MoxConfTest, WebsitesAndSectionsAreSetReadAndRemoved) {
             ok({"proxy", "list"}));
 
   fails(1, {"get", "logserver"});
-  ok({"set", "logserver", "10.0.0.5:514"});
-  ok({"set", "randtime", "3 6"});
-  ok({"set", "logserver", "relp://10.0.0.6:601 1200"});
-  ok({"set", "fixed_key", ""});
+  for (auto kv : {std::make_pair("logserver", "10.0.0.5:514"), {"randtime", "3 6"},
+                  {"logserver", "relp://10.0.0.6:601 1200"}, {"fixed_key", ""}})
+    ok({"set", kv.first, kv.second});
   EXPECT_EQ("relp://10.0.0.6:601 1200\n", ok({"get", "logserver"}));
   EXPECT_EQ("\n", ok({"get", "fixed_key"}));
   ok({"delete", "logserver"});
@@ -214,17 +216,14 @@ TEST_F(MoxConfTest, GenerateWritesWholeFilesFromTemplatesAndWebsites) {
   ok({"proxy", "add", "far 127.0.0.1:8090 203.0.113.7:80"});  // upstream not of this device
   fails(1, {"generate", "all"}, "1 of 3 websites left out");
   EXPECT_EQ(std::string(kWeb1Block) + kWeb2Block, slurp(kWebsites));
-  std::string nginx = slurp(MOX_SOURCE_DIR "/release/nginx/nginx_template.conf");
-  for (auto kv : {std::make_pair("{admin_ip}", "192.168.1.1"), {"{mox_user}", "root"},
-                  {"{syslog_ip}", "127.0.0.1"}, {"{syslog_port}", "514"},
-                  {"{syslog_facility}", "authpriv"}})
-    nginx = replaced(nginx, kv.first, kv.second);
+  std::string nginx = expanded("nginx/nginx_template.conf",
+                               {{"{admin_ip}", "192.168.1.1"}, {"{mox_user}", "root"}, {"{syslog_ip}", "127.0.0.1"},
+                                {"{syslog_port}", "514"}, {"{syslog_facility}", "authpriv"}});
   EXPECT_EQ(nginx, slurp(kNginxConf));
   EXPECT_NE(std::string::npos, nginx.find("\nuser root;\n"));
   EXPECT_NE(std::string::npos, nginx.find("include /tmp/mox/release/nginx/website_upstreams.conf;"));
-  std::string qsp = slurp(MOX_SOURCE_DIR "/release/conf_shared/qsp_conf_template.json");
-  qsp = replaced(replaced(replaced(qsp, "{admin_ip}", "192.168.1.1"), "{fixed_key}", "F1x-key_0123"),
-                 "{cluster_key}", "c-key/9");
+  std::string qsp = expanded("conf_shared/qsp_conf_template.json", {{"{admin_ip}", "192.168.1.1"},
+                             {"{fixed_key}", "F1x-key_0123"}, {"{cluster_key}", "c-key/9"}});
   EXPECT_EQ(qsp, slurp(kQspConf));
   EXPECT_NE(std::string::npos, qsp.find("\"cluster_key\": \"c-key/9\""));
 
@@ -311,34 +310,29 @@ TEST_F(MoxConfTest, NginxStartsFromTheShippedTemplateAndLogsToTheDaemon) {
   ASSERT_TRUE(make_certificate("/media/nand/mox_data/cert/server.crt",
                                "/media/nand/mox_data/cert/server.key"));
 
-  // The engine's directives are unknown to a stock nginx: copies without
-  // them, the main file including the copy of the website file.
-  const std::string dir = "/tmp/mox/nginx_check/";
-  for (const char *file : {"nginx.conf", "website_upstreams.conf", "policy_default.conf"}) {
-    std::string text = slurp(std::string("/tmp/mox/release/nginx/") + file), kept;
-    for (size_t at = 0, end; at < text.size(); at = end + 1) {
-      end = std::min(text.find('\n', at), text.size() - 1);
-      if (text.substr(at, end - at).find("kvsafe") == std::string::npos) kept += text.substr(at, end - at + 1);
-    }
-    ASSERT_TRUE(spill(dir + file, replaced(kept, kWebsites, dir + "website_upstreams.conf")));
-  }
-  // The daemon's access socket, as a plain receiver.
+  // The engine's directives are unknown to a stock nginx: copies without them, the main
+  // file including the copy of the website file; the daemon's access socket as a plain
+  // receiver.
+  const std::string dir = "/tmp/mox/nginx_check/", nginx = std::string(kNginx) + " -p " + dir +
+                                                            " -c " + dir + "nginx.conf";
+  ASSERT_EQ(0, std::system(("cd /tmp/mox/release/nginx && for f in nginx.conf website_upstreams.conf "
+                            "policy_default.conf; do sed '/kvsafe/d; s|" + std::string(kWebsites) +
+                            "|" + dir + "website_upstreams.conf|' $f > " + dir + "$f; done").c_str()));
   int sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   sockaddr_un addr{AF_UNIX, "/tmp/mox/log/access.sock"};
   ASSERT_EQ(0, bind(sock, (sockaddr *)&addr, sizeof addr));
-
-  const std::string nginx = std::string(kNginx) + " -p " + dir + " -c " + dir + "nginx.conf";
   RunResult checked = run_binary("/bin/sh", {"sh", "-c", nginx + " -t 2>&1"});
   EXPECT_EQ(0, checked.code) << checked.out;
   ASSERT_EQ(0, std::system((nginx + " 2>&1").c_str())) << "nginx did not start";
   // The health check on every address, by bash's own TCP client.
   std::string health;
-  for (int i = 0; i < 50 && health.find("204") == std::string::npos; i++, usleep(100 * 1000))
+  wait_for([&] {
     health = run_binary("/bin/bash", {"bash", "-c", "exec 3<>/dev/tcp/127.0.0.1/8088 && printf "
                                       "'GET /mox_health HTTP/1.0\\r\\n\\r\\n' >&3 && head -1 <&3"}).out;
+    return health.find("204") != std::string::npos;
+  }, 5, 100);
   std::system((nginx + " -s stop 2>/dev/null").c_str());
   EXPECT_EQ(0u, health.find("HTTP/1.1 204")) << health;
-
   pollfd pfd{sock, POLLIN, 0};
   ASSERT_EQ(1, poll(&pfd, 1, 2000)) << "no access record reached the socket";
   char buf[512] = {0};
