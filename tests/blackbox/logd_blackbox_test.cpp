@@ -1,12 +1,10 @@
-// Black-box tests of the mox_logd binary.
+// Black-box tests of the mox_logd binary; random datagrams are its fuzz target's part.
 // Ordering: the daemon handles datagrams one at a time, in arrival order. sync_daemon()
 // sends a marker datagram with "mox:" but no record, which the daemon turns into a router
 // line on /dev/zvlog (a FIFO the test holds open) and nothing else; once its token shows
 // up, every datagram sent before it has been handled.
 #include <errno.h>
 #include <poll.h>
-
-#include <random>
 
 #include "harness.h"
 
@@ -33,10 +31,9 @@ std::vector<Counts> flushed() {
       bool total = path == kDayPath && at == 0;
       std::string line = text.substr(at, nl - at);
       unsigned c[6];
-      int y, mo, d, h, mi, s;
       if ((total && line.compare(0, 6, "total,") != 0) ||
-          std::sscanf(line.c_str() + (total ? 6 : 0), "%d-%d-%d %d:%d:%d,%u,%u,%u,%u,%u,%u", &y,
-                      &mo, &d, &h, &mi, &s, &c[0], &c[1], &c[2], &c[3], &c[4], &c[5]) != 12)
+          std::sscanf(line.c_str() + (total ? 6 : 0), "%*d-%*d-%*d %*d:%*d:%*d,%u,%u,%u,%u,%u,%u",
+                  &c[0], &c[1], &c[2], &c[3], &c[4], &c[5]) != 6)
         return {};
       for (int i = 0; i < 6; i++) (total ? out[0] : out.back())[i] += c[i];
     }
@@ -218,16 +215,6 @@ TEST_F(LogdBlackbox, HostileDatagramsNeverStopTheDaemon) {
       // Stale "ATTACK=I:" behind the second's end; zero length over old bytes.
       std::string(900, 'x') + "ATTACK=I:1:2:3", "mox: [Automatic",
       head + std::string(700, ':'), ""};
-  std::mt19937 rng(20241122);
-  for (int i = 0; i < 100; i++) {
-    std::string junk(rng() % 1500, '\0');
-    for (char &ch : junk) ch = (char)(rng() & 0xff);
-    if (i % 2 && junk.size() > 40) {
-      junk.replace(0, 16, "mox: [Automatic ");
-      junk.replace(16 + rng() % (junk.size() - 30), 9, "ATTACK=I:");
-    }
-    bad.push_back(junk);
-  }
   for (const std::string &d : bad) ASSERT_TRUE(send_attack(d)) << std::strerror(errno);
   ASSERT_TRUE(sync_daemon());
   ASSERT_TRUE(alive(pid));

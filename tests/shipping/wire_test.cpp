@@ -4,7 +4,6 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -28,17 +27,9 @@ const char kFragment[] =
 
 std::string key_path(const char *name) { return std::string(MOX_SOURCE_DIR "/keys/dev/") + name; }
 
-long long now_ms() {
-  struct timespec t;
-  clock_gettime(CLOCK_MONOTONIC, &t);
-  return (long long)t.tv_sec * 1000 + t.tv_nsec / 1000000;
-}
-
 std::string first_line(const std::string &path) {
-  std::ifstream in(path);
-  std::string line;
-  std::getline(in, line);
-  return line;
+  std::string text = slurp(path);
+  return text == "<missing>" ? "" : text.substr(0, text.find('\n'));
 }
 
 // Gone, or a zombie waiting for whoever inherited it: no longer running.
@@ -54,9 +45,9 @@ int device_id_with(const std::string &script, char *id, long long *took) {
   chmod("/tmp/bin/routerinfo", 0755);
   std::string path = getenv("PATH");
   setenv("PATH", ("/tmp/bin:" + path).c_str(), 1);
-  long long start = now_ms();
+  auto start = std::chrono::steady_clock::now();
   int rc = get_device_id(id, SHIP_DEVICE_ID_SIZE);
-  *took = now_ms() - start;
+  *took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
   setenv("PATH", path.c_str(), 1);
   return rc;
 }
