@@ -21,13 +21,10 @@
 #define FUZZ_SEPARATOR "\n----\n"    // between the texts of one input
 
 // Aborts with the failed condition: libFuzzer keeps the input as a crash.
-#define FUZZ_CHECK(cond)                                                             \
-  do {                                                                               \
-    if (!(cond)) {                                                                   \
-      fprintf(stderr, "fuzz check failed: %s (%s:%d)\n", #cond, __FILE__, __LINE__); \
-      abort();                                                                       \
-    }                                                                                \
-  } while (0)
+#define FUZZ_CHECK(cond)                                                                   \
+  ((cond) ? (void)0                                                                        \
+          : (fprintf(stderr, "fuzz check failed: %s (%s:%d)\n", #cond, __FILE__, __LINE__), \
+             abort()))
 
 // Set-up failures end the run: a target outside its sandbox must not go on.
 inline void fuzz_die(const char *what) {

@@ -11,7 +11,6 @@
 
 namespace {
 
-const char kCountPath[] = "/tmp/mox/log/stat";
 const char kStorePath[] = "/media/nand/mox_data/mox_conf.dat";
 
 class Faults : public BlackboxTest {
@@ -30,7 +29,7 @@ class Faults : public BlackboxTest {
   }
 
   bool count_reaches(unsigned n, double seconds = 20) {
-    return wait_for([&] { return slurp(kCountPath) == std::to_string(n) + "\n"; }, seconds);
+    return wait_for([&] { return slurp(kStatPath) == std::to_string(n) + "\n"; }, seconds);
   }
 };
 
@@ -41,13 +40,13 @@ TEST_F(Faults, AFullDiskKeepsTheLastCountsAndARestartGoesOnFromThem) {
   pid_t pid = start_daemon();
   ASSERT_GT(pid, 0);
   ASSERT_TRUE(flood(150));
-  ASSERT_TRUE(count_reaches(150)) << slurp(kCountPath);
+  ASSERT_TRUE(count_reaches(150)) << slurp(kStatPath);
   ASSERT_TRUE(wait_for([] { return slurp("/tmp/mox/log/day_stat").size() > 20; }, 10));
 
   // Every free block taken: files keep their room, nothing more is given.
   std::system("dd if=/dev/zero of=/tmp/mox/log/filler bs=4k 2>/dev/null");
   ASSERT_TRUE(flood(10));
-  EXPECT_TRUE(count_reaches(160)) << "count file: \"" << slurp(kCountPath) << "\"";
+  EXPECT_TRUE(count_reaches(160)) << "count file: \"" << slurp(kStatPath) << "\"";
   usleep(1500 * 1000);  // a flush or two against the full disk
   std::string day = slurp("/tmp/mox/log/day_stat");
   EXPECT_EQ(0u, day.find("total,")) << day;
@@ -57,7 +56,7 @@ TEST_F(Faults, AFullDiskKeepsTheLastCountsAndARestartGoesOnFromThem) {
   pid = start_daemon();
   ASSERT_GT(pid, 0);
   ASSERT_TRUE(flood(1));
-  EXPECT_TRUE(count_reaches(161)) << "count file: \"" << slurp(kCountPath) << "\"";
+  EXPECT_TRUE(count_reaches(161)) << "count file: \"" << slurp(kStatPath) << "\"";
 }
 
 TEST_F(Faults, ReadersThatNeverReadNeverHoldTheLoop) {
@@ -74,7 +73,7 @@ TEST_F(Faults, ReadersThatNeverReadNeverHoldTheLoop) {
   ASSERT_GT(pid, 0) << state();
   // Far more router lines than the FIFO holds.
   ASSERT_TRUE(flood(5000));
-  EXPECT_TRUE(count_reaches(5000)) << slurp(kCountPath) << state();
+  EXPECT_TRUE(count_reaches(5000)) << slurp(kStatPath) << state();
   EXPECT_TRUE(in_log("router log line dropped: /dev/zvlog: ")) << state();
   EXPECT_EQ(stop_daemon(pid), 0) << "SIGTERM not honoured";
 }
@@ -159,7 +158,7 @@ TEST_F(Faults, SignalStormsDuringAFloodLoseNoCount) {
   // Quiet again: one reset, then every record counts once.
   std::string last;
   ASSERT_TRUE(wait_for([&] {
-    std::string now = slurp(kCountPath);
+    std::string now = slurp(kStatPath);
     bool still = now == last;
     last = now;
     return still;
@@ -167,7 +166,7 @@ TEST_F(Faults, SignalStormsDuringAFloodLoseNoCount) {
   ASSERT_EQ(0, kill(pid, SIGUSR2));
   usleep(300 * 1000);
   ASSERT_TRUE(flood(300));
-  EXPECT_TRUE(count_reaches(300)) << slurp(kCountPath);
+  EXPECT_TRUE(count_reaches(300)) << slurp(kStatPath);
   EXPECT_EQ(stop_daemon(pid), 0);
 }
 

@@ -90,11 +90,10 @@ struct FailingLog {
   long pos = 0;
   static ssize_t read(void *c, char *buf, size_t size) {
     FailingLog *f = static_cast<FailingLog *>(c);
-    if (f->pos >= kGoodEnd) return -1;  // for ever
-    size_t n = std::min(size, static_cast<size_t>(kGoodEnd - f->pos));
+    size_t n = f->pos >= kGoodEnd ? 0 : std::min(size, static_cast<size_t>(kGoodEnd - f->pos));
     for (size_t i = 0; i < n; i++) buf[i] = (f->pos + i) % 100 == 99 ? '\n' : 'x';
     f->pos += n;
-    return static_cast<ssize_t>(n);
+    return n > 0 ? static_cast<ssize_t>(n) : -1;
   }
   static int seek(void *c, off64_t *off, int whence) {
     FailingLog *f = static_cast<FailingLog *>(c);

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <string>
 
@@ -51,7 +52,7 @@ class Sender : public ::testing::Test {
       std::string rec = "r" + std::to_string(i) + " ";
       while (rec.size() < pad) rec += (char)('!' + rand() % 90);
       ASSERT_EQ((ssize_t)rec.size(), send(sv[1], rec.data(), rec.size(), 0));
-      ASSERT_EQ((int)rec.size(), s.recv_access_log(sv[0]));
+      ASSERT_EQ((int)std::min(rec.size(), (size_t)ACCESS_RECORD_SIZE - 1), s.recv_access_log(sv[0]));
       if (pad && i % 16 == 15) usleep(2000);
     }
     close(sv[0]);
@@ -81,14 +82,7 @@ TEST_F(Sender, LostRecordsAreCountedByCauseAndLoggedOnce) {
   feed(s, 2);
   EXPECT_EQ(8u, s.access_dropped());
 
-  // A datagram longer than a record is counted whole, not cut.
-  int sv[2];
-  ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_DGRAM, 0, sv));
-  std::string huge(ACCESS_RECORD_SIZE + 100, 'x');
-  ASSERT_EQ((ssize_t)huge.size(), send(sv[1], huge.data(), huge.size(), 0));
-  EXPECT_EQ(ACCESS_RECORD_SIZE - 1, s.recv_access_log(sv[0]));
-  close(sv[0]);
-  close(sv[1]);
+  feed(s, 1, ACCESS_RECORD_SIZE + 100);  // longer than a record: counted whole, not cut
   EXPECT_EQ(1u, s.access_losses().too_long);
   s.timeout_tick();
   std::string log = testing::internal::GetCapturedStdout();

@@ -3,7 +3,6 @@
 // and the clock can be stepped, while the monotonic clock (every wait and
 // pause of the daemon) stays real. MOX_WALLCLOCK names a file holding one
 // WallClock record (wallclock.h) that the test rewrites to step the clock.
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <stdlib.h>
@@ -22,8 +21,7 @@ pthread_once_t mapped = PTHREAD_ONCE_INIT;
 
 void map_clock() {
   const char *path = getenv("MOX_WALLCLOCK");
-  if (path == nullptr) return;
-  int fd = open(path, O_RDONLY | O_CLOEXEC);
+  int fd = path != nullptr ? open(path, O_RDONLY | O_CLOEXEC) : -1;
   void *p = fd < 0 ? MAP_FAILED : mmap(nullptr, sizeof(WallClock), PROT_READ, MAP_SHARED, fd, 0);
   if (fd >= 0) close(fd);
   if (p != MAP_FAILED) shared_clock = static_cast<const volatile WallClock *>(p);
