@@ -1,10 +1,6 @@
-// The sender's settings: parse_collector and parse_report_hours on the
-// three stored values (logserver, logatserver, randtime, FUZZ_SEPARATOR
-// between them), then the same values stored and loaded as the daemon does
-// on SIGHUP (reload_config of a sender that ships nothing, so no thread
-// starts). A reload takes them exactly when the parsers do.
-#include <string>
-
+// The sender's settings (logserver, logatserver, randtime, FUZZ_SEPARATOR
+// between): the parsers, then the values stored and reloaded as on SIGHUP by a
+// sender that ships nothing. A reload takes them exactly when the parsers do.
 #include "confgen/confgen.h"
 #include "fuzz/fuzz.h"
 #include "shipping/shipping.h"
@@ -12,11 +8,7 @@
 
 static RateLimitLogSender *sender;
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  fuzz_sandbox();
-  sender = new RateLimitLogSender("fuzz", SENDER_NO_SHIPPING);  // kept for the whole run
-  return 0;
-}
+void fuzz_setup(void) { sender = new RateLimitLogSender("fuzz", SENDER_NO_SHIPPING); }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   size_t at = 0;

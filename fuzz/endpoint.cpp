@@ -1,18 +1,8 @@
-// The endpoint parser (parse_endpoint) on one website address, then, as
-// mox_conf checks a website, the canonical forms of its host and port
-// (normalize_ip, normalize_port) in buffers of exactly the size their
-// contracts ask for.
-#include <string.h>
-
-#include <string>
+// parse_endpoint on a website address, then, as mox_conf checks a website,
+// the canonical host and port in buffers of exactly their contracts' sizes.
 #include <vector>
 
 #include "fuzz/fuzz.h"
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  fuzz_sandbox();
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   std::string text((const char *)data, size);

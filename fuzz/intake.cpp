@@ -1,23 +1,11 @@
-// The daemon's handler for one attack datagram (log_handler): the marker
-// search, the header scan for the source address and port (done inside the
-// handler, no function of its own), the record columns, the classification,
-// the counting and the router line.
-//
-// Input: two bytes giving the count recvfrom returned (-1..RECV_MAX), then
-// the receive buffer's content. A count shorter than the content leaves a
-// tail behind it, as an earlier, longer datagram does in the daemon.
-#include <string.h>
-
+// One attack datagram through log_handler. Input: two bytes giving the count
+// recvfrom returned (-1..RECV_MAX), then the receive buffer; a shorter count
+// leaves a stale tail, as an earlier, longer datagram does in the daemon.
 #include "daemon/daemon.h"
 #include "fuzz/fuzz.h"
 #include "stats/stats.h"
 
 #define COUNT_BYTES 2
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  fuzz_sandbox();
-  return 0;
-}
 
 static int known_class(AttackClass c) {
   return c == 0 || (c >= 1 && c <= 5) || (c >= ATTACK_INTERNAL + 1 && c <= ATTACK_INTERNAL + 5);

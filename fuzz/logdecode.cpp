@@ -1,14 +1,6 @@
-// The collector's opening of one message (open_sealed_message), as
-// mox_logdecode calls it for each stored line or received frame: first on
-// the input as it stands, then on the input sealed as a syslog message for
-// the development key of the kind the first byte picks (bit 0: access
-// block, bit 1: compressed). Sealed, it must come back whole with its
-// sender's identity; an access block that was not compressed must open to
-// its recorded length or fail as a bad block.
-#include <stdlib.h>
-#include <string.h>
-
-#include <string>
+// open_sealed_message as mox_logdecode calls it: on the input, then on the
+// input sealed for the development key of the kind the first byte picks (bit
+// 0 access, bit 1 compressed), which must open whole with its sender's identity.
 #include <vector>
 
 #include "fuzz/fuzz.h"
@@ -17,8 +9,7 @@
 static char *keys[2];         // private: attack, access
 static std::string publics[2];
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  fuzz_sandbox();
+void fuzz_setup(void) {
   const char *names[2] = {"attack", "access"};
   for (int i = 0; i < 2; i++) {
     std::string stem = std::string(MOX_SOURCE_DIR "/keys/dev/") + names[i];
@@ -26,7 +17,6 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     publics[i] = fuzz_slurp((stem + "_public.pem").c_str());
   }
   if (device_key_load(MOX_SOURCE_DIR "/keys/dev/device_key.pem") != 0) fuzz_die("device key");
-  return 0;
 }
 
 // open_sealed_message with both keys, checking what every result promises.

@@ -1,18 +1,9 @@
-// The settings file reader (read_setting) on a fuzzed rzpz file: the two
-// keys the programs ask for, and the key of the file's first line, which
-// the reader must find with its value.
+// read_setting on a fuzzed rzpz file: the programs' two keys, and the key of
+// the first line, which must be found with its value.
 #include <limits.h>
-#include <stdlib.h>
-
-#include <string>
 
 #include "fuzz/fuzz.h"
 #include "shipping/shipping.h"
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  fuzz_sandbox();
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (write_file(RZPZ_PATH, (const char *)data, size) != 0) return 0;

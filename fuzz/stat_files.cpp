@@ -1,17 +1,8 @@
-// The statistics files read back at start (load_attack_count, load_day_stat,
-// load_hour_stat): the count file, the day ring file and the hour ring file,
-// one text each, FUZZ_SEPARATOR between them. Whatever was read, the rings
-// stay in range, each slot makes a report fragment, and a saved ring reads
-// back into the same file.
-#include <string>
-
+// The count, day and hour files read back at start (FUZZ_SEPARATOR between
+// them): the rings stay in range, every slot makes a report fragment, and a
+// saved ring reads back into the same file.
 #include "fuzz/fuzz.h"
 #include "stats/stats.h"
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  fuzz_sandbox();
-  return 0;
-}
 
 static void check_fragment(const StatSlot *slot) {
   char fragment[REPORT_FRAGMENT_SIZE];

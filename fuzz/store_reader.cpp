@@ -1,22 +1,12 @@
-// The store reader (sec_read_conf): first on the input as a store file,
-// into buffers of exactly the size it is given; then on the input as a
-// text stored through sec_write_conf, which must read back as it was, fail
-// in a buffer one byte short of it, and not read at all once one byte of
-// the file is changed.
-#include <string.h>
-
-#include <string>
+// sec_read_conf on the input as a store file, in buffers of exactly the size
+// given; then the input stored, which must read back as it was, not fit one
+// byte less, and not read at all once a byte of the file changes.
 #include <vector>
 
 #include "fuzz/fuzz.h"
 #include "store/store.h"
 
 #define SMALL_BUFFER 64
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  fuzz_sandbox();
-  return 0;
-}
 
 // sec_read_conf into a new heap buffer of exactly room bytes, so that a
 // write past it is caught; its result.

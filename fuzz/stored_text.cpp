@@ -1,13 +1,7 @@
-// Edits of the stored text: a fuzzed text stored through sec_write_conf,
-// then one edit per further piece of the input (FUZZ_SEPARATOR between):
-// 's' parser_save, 'd' parser_delete, anything else parser_get; the second
-// byte picks the section ('0' proxy, '1' logserver, ... '7' an id that
-// names none), the rest is the value or the website's name. After every
-// edit each section reads into a buffer of exactly the size its contract
-// names, and the whole text still fits the store.
-#include <string.h>
-
-#include <string>
+// Edits of the stored text: a text stored, then one edit per further piece
+// ('s' save, 'd' delete, else get; the second byte picks the section, '7' one
+// that names none; the rest is the value or name). After each, every section
+// reads into a buffer of exactly its contract's size.
 #include <vector>
 
 #include "confgen/confgen.h"
@@ -19,11 +13,6 @@
 static const int ids[ID_CHOICES] = {PARSER_PROXY,       PARSER_LOGSERVER,   PARSER_SYSLOG,
                                     PARSER_FIXED_KEY,   PARSER_CLUSTER_KEY, PARSER_LOGATSERVER,
                                     PARSER_RANDTIME,    21};
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  fuzz_sandbox();
-  return 0;
-}
 
 static void check_reads(void) {
   for (int id : ids) {

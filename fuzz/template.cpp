@@ -1,20 +1,10 @@
-// Template expansion (handle_data): the first byte picks the kind ('0'
-// nginx, '1' qsp, '2' the built-in website template; others by their value
-// modulo 3), then the template file's text, FUZZ_SEPARATOR, and the entries,
-// one "KEY=VALUE" line each. The expansion fits its buffer and holds no NUL.
-#include <string.h>
-
-#include <string>
-
+// handle_data: the first byte picks the kind (modulo 3), then the template's
+// text, FUZZ_SEPARATOR, and one "KEY=VALUE" entry a line. The expansion fits
+// its buffer and holds no NUL.
 #include "confgen/confgen.h"
 #include "fuzz/fuzz.h"
 
 #define KINDS 3
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  fuzz_sandbox();
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size < 1) return 0;

@@ -8,11 +8,9 @@
 #include <thread>
 
 #include "harness.h"
-#include "run_binary.h"
 
 namespace {
 
-const char kCountPath[] = "/tmp/mox/log/stat";
 const char kStorePath[] = "/media/nand/mox_data/mox_conf.dat";
 
 class Faults : public BlackboxTest {
@@ -22,28 +20,16 @@ class Faults : public BlackboxTest {
     umount2("/tmp/mox/log", MNT_DETACH);
   }
 
-  RunResult conf(const std::vector<std::string> &args) {
-    std::vector<std::string> argv = {"mox_conf"};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return run_binary(sandbox_conf_path(), argv);
-  }
-
   // Sends n attack records, each waiting for room in the socket.
   bool flood(int n) {
     const std::string text = record(kClass1);
-    sockaddr_un addr = unix_addr(kAttackSock);
-    for (int i = 0; i < n; i++) {
-      ssize_t sent;
-      while ((sent = sendto(send_fd_, text.data(), text.size(), 0, (sockaddr *)&addr,
-                            sizeof addr)) < 0 && (errno == EAGAIN || errno == ENOBUFS))
-        usleep(500);
-      if (sent != (ssize_t)text.size()) return false;
-    }
+    for (int i = 0; i < n; i++)
+      if (!send_to(kAttackSock, text)) return false;
     return true;
   }
 
   bool count_reaches(unsigned n, double seconds = 20) {
-    return wait_for([&] { return read_file(kCountPath) == std::to_string(n) + "\n"; }, seconds);
+    return wait_for([&] { return slurp(kStatPath) == std::to_string(n) + "\n"; }, seconds);
   }
 };
 
@@ -54,15 +40,15 @@ TEST_F(Faults, AFullDiskKeepsTheLastCountsAndARestartGoesOnFromThem) {
   pid_t pid = start_daemon();
   ASSERT_GT(pid, 0);
   ASSERT_TRUE(flood(150));
-  ASSERT_TRUE(count_reaches(150)) << read_file(kCountPath);
-  ASSERT_TRUE(wait_for([] { return read_file("/tmp/mox/log/day_stat").size() > 20; }, 10));
+  ASSERT_TRUE(count_reaches(150)) << slurp(kStatPath);
+  ASSERT_TRUE(wait_for([] { return slurp("/tmp/mox/log/day_stat").size() > 20; }, 10));
 
   // Every free block taken: files keep their room, nothing more is given.
   std::system("dd if=/dev/zero of=/tmp/mox/log/filler bs=4k 2>/dev/null");
   ASSERT_TRUE(flood(10));
-  EXPECT_TRUE(count_reaches(160)) << "count file: \"" << read_file(kCountPath) << "\"";
+  EXPECT_TRUE(count_reaches(160)) << "count file: \"" << slurp(kStatPath) << "\"";
   usleep(1500 * 1000);  // a flush or two against the full disk
-  std::string day = read_file("/tmp/mox/log/day_stat");
+  std::string day = slurp("/tmp/mox/log/day_stat");
   EXPECT_EQ(0u, day.find("total,")) << day;
   EXPECT_EQ(stop_daemon(pid), 0);
 
@@ -70,7 +56,7 @@ TEST_F(Faults, AFullDiskKeepsTheLastCountsAndARestartGoesOnFromThem) {
   pid = start_daemon();
   ASSERT_GT(pid, 0);
   ASSERT_TRUE(flood(1));
-  EXPECT_TRUE(count_reaches(161)) << "count file: \"" << read_file(kCountPath) << "\"";
+  EXPECT_TRUE(count_reaches(161)) << "count file: \"" << slurp(kStatPath) << "\"";
 }
 
 TEST_F(Faults, ReadersThatNeverReadNeverHoldTheLoop) {
@@ -87,7 +73,7 @@ TEST_F(Faults, ReadersThatNeverReadNeverHoldTheLoop) {
   ASSERT_GT(pid, 0) << state();
   // Far more router lines than the FIFO holds.
   ASSERT_TRUE(flood(5000));
-  EXPECT_TRUE(count_reaches(5000)) << read_file(kCountPath) << state();
+  EXPECT_TRUE(count_reaches(5000)) << slurp(kStatPath) << state();
   EXPECT_TRUE(in_log("router log line dropped: /dev/zvlog: ")) << state();
   EXPECT_EQ(stop_daemon(pid), 0) << "SIGTERM not honoured";
 }
@@ -98,7 +84,7 @@ TEST_F(Faults, AKillAtAnyStepOfAStoreWriteLeavesTheOldOrTheNewValue) {
   SKIP_UNDER_EMULATOR("ptrace of the program: strace would see the emulator's own calls");
   // A careless umask must not open the store's folders to others.
   mode_t old_mask = umask(0);
-  RunResult r = conf({"set", "randtime", "1 2"});
+  RunResult r = mox_conf({"set", "randtime", "1 2"});
   umask(old_mask);
   ASSERT_EQ(0, r.code) << r.err;
   struct stat st;
@@ -122,7 +108,7 @@ TEST_F(Faults, AKillAtAnyStepOfAStoreWriteLeavesTheOldOrTheNewValue) {
                       "-e", std::string("trace=") + call, "-e",
                       std::string("inject=") + call + ":signal=KILL:when=" + std::to_string(n),
                       tool, "set", "randtime", n % 2 ? "5 6" : "1 2"});
-      RunResult got = conf({"get", "randtime"});
+      RunResult got = mox_conf({"get", "randtime"});
       ASSERT_TRUE(got.out == "1 2\n" || got.out == "5 6\n")
           << "killed at " << call << " " << n << ": \"" << got.out << "\" " << got.err;
       if (r.code == 0) break;
@@ -135,21 +121,21 @@ TEST_F(Faults, AKillAtAnyStepOfAStoreWriteLeavesTheOldOrTheNewValue) {
 TEST_F(Faults, LinksPlantedAtTemporaryNamesAreNeverFollowed) {
   REQUIRE_SANDBOX();
   ASSERT_EQ(0, std::system("mkdir -p /tmp/mox/log /media/nand/mox_data"));
-  ASSERT_TRUE(write_text("/tmp/mox/victim", "precious\n"));
+  ASSERT_TRUE(spill("/tmp/mox/victim", "precious\n"));
   ASSERT_EQ(0, symlink("/tmp/mox/victim", "/media/nand/mox_data/mox_conf.dat.tmp"));
   ASSERT_EQ(0, symlink("/tmp/mox/victim", "/tmp/mox/log/mox_conf.log.tmp"));
   // A log due for its trim, and a level that logs every change.
-  ASSERT_TRUE(write_text("/tmp/mox/log/mox_conf.log", std::string(40000, 'x') + "\n"));
+  ASSERT_TRUE(spill("/tmp/mox/log/mox_conf.log", std::string(40000, 'x') + "\n"));
   ASSERT_TRUE(write_rzpz("mox_conf=0\n"));
 
-  RunResult r = conf({"set", "randtime", "3 4"});
+  RunResult r = mox_conf({"set", "randtime", "3 4"});
   ASSERT_EQ(0, r.code) << r.err;
-  EXPECT_EQ("precious\n", read_file("/tmp/mox/victim"));
+  EXPECT_EQ("precious\n", slurp("/tmp/mox/victim"));
   struct stat st;
   ASSERT_EQ(0, lstat(kStorePath, &st));
   EXPECT_TRUE(S_ISREG(st.st_mode)) << "the store became a link";
-  EXPECT_LT(read_file("/tmp/mox/log/mox_conf.log").size(), 40000u) << "the log was not trimmed";
-  EXPECT_EQ("3 4\n", conf({"get", "randtime"}).out);
+  EXPECT_LT(slurp("/tmp/mox/log/mox_conf.log").size(), 40000u) << "the log was not trimmed";
+  EXPECT_EQ("3 4\n", mox_conf({"get", "randtime"}).out);
 }
 
 TEST_F(Faults, SignalStormsDuringAFloodLoseNoCount) {
@@ -173,7 +159,7 @@ TEST_F(Faults, SignalStormsDuringAFloodLoseNoCount) {
   // Quiet again: one reset, then every record counts once.
   std::string last;
   ASSERT_TRUE(wait_for([&] {
-    std::string now = read_file(kCountPath);
+    std::string now = slurp(kStatPath);
     bool still = now == last;
     last = now;
     return still;
@@ -181,7 +167,7 @@ TEST_F(Faults, SignalStormsDuringAFloodLoseNoCount) {
   ASSERT_EQ(0, kill(pid, SIGUSR2));
   usleep(300 * 1000);
   ASSERT_TRUE(flood(300));
-  EXPECT_TRUE(count_reaches(300)) << read_file(kCountPath);
+  EXPECT_TRUE(count_reaches(300)) << slurp(kStatPath);
   EXPECT_EQ(stop_daemon(pid), 0);
 }
 

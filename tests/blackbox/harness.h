@@ -11,16 +11,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <fstream>
-#include <functional>
-#include <map>
 
-#include "run_binary.h"  // also fcntl, unistd, sys/wait, string and vector
-#include "sandbox.h"
+#include "files.h"  // also string and functional
+#include "records.h"
+#include "run_binary.h"  // also fcntl, unistd, sys/wait, cstring, vector and sandbox.h
 
 const char kLogPath[] = "/tmp/mox/log/logd.log";
 const char kLockPath[] = "/tmp/mox/lock_writer.dat";
@@ -29,56 +26,17 @@ const char kAccessSock[] = "/tmp/mox/log/access.sock";
 const char kStatPath[] = "/tmp/mox/log/stat";
 // Every log line and a one-second loop period.
 const char kFastRzpz[] = "mox_logd=0\nmox_logd_period=1\n";
-const char kOutside[] = "203.0.113.9";
 
-typedef std::map<int, std::string> Columns;
-// One record of each class, by the field that decides it. From outside the LAN
-// classes 1 to 5 count as intrusion_attempt, automated_attack, unauthorized_access,
-// browser_hijacking and password_guessing; from inside, as internal_attack.
-const Columns kClass1 = {{34, "1-1-7"}};
-const Columns kClass2Flag = {{12, "134217728"}};
-const Columns kClass2Bot = {{28, "38"}};
-const Columns kClass3 = {{5, "1"}};
-const Columns kClass4 = {{25, "22"}};
-const Columns kClass5 = {{9, "-10"}};
-
-// Polls every nap_ms until done or the time is up; done's last answer.
-inline bool wait_for(const std::function<bool()> &done, double seconds, long nap_ms = 20) {
-  auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  for (struct timespec nap = {0, nap_ms * 1000 * 1000}; !done(); nanosleep(&nap, nullptr))
-    if (std::chrono::steady_clock::now() >= end) return done();
-  return true;
-}
-
-inline std::string read_file(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-inline bool write_text(const std::string &path, const std::string &text) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  return out.write(text.data(), (std::streamsize)text.size()).flush().good();
-}
-
-inline size_t count_of(const std::string &hay, const std::string &needle) {
-  size_t n = 0;
-  for (size_t at = hay.find(needle); at != std::string::npos; at = hay.find(needle, at + 1)) n++;
-  return n;
-}
-
-inline bool in_log(const std::string &text) {
-  return read_file(kLogPath).find(text) != std::string::npos;
-}
+inline bool in_log(const std::string &text) { return slurp(kLogPath).find(text) != std::string::npos; }
 
 inline bool write_rzpz(const char *text) {
   mkdir("/media/nand", 0755);
   mkdir("/media/nand/mox_data", 0755);
-  return write_text("/media/nand/mox_data/rzpz", text);
+  return spill("/media/nand/mox_data/rzpz", text);
 }
 
 inline sockaddr_un unix_addr(const char *path) {
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
+  sockaddr_un addr{AF_UNIX, {}};
   std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path);
   return addr;
 }
@@ -86,54 +44,18 @@ inline sockaddr_un unix_addr(const char *path) {
 // A bound socket that accepts a connection belongs to a live process.
 inline bool socket_live(const char *path) {
   int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return false;
   sockaddr_un addr = unix_addr(path);
-  bool live = connect(fd, (sockaddr *)&addr, sizeof addr) == 0;
-  close(fd);
+  bool live = fd >= 0 && connect(fd, (sockaddr *)&addr, sizeof addr) == 0;
+  if (fd >= 0) close(fd);
   return live;
 }
 
-inline std::string header(const char *source, const char *title = "Automatic Block") {
-  return std::string("<11>Nov 22 10:00:00 nginx: mox: [") + title + "] Attack from: " + source +
-         ", port 51000, rule 942100 ATTACK=I:";
-}
-
-// A full 51-column record; columns not named hold a value that marks nothing.
-inline std::string record(const Columns &set, const char *source = kOutside,
-                          const char *title = "Automatic Block") {
-  std::string text = header(source, title);
-  for (int col = 1; col <= 51; col++) {
-    auto it = set.find(col);
-    if (col > 1) text += ':';
-    bool zero = (col >= 5 && col <= 9) || col == 12 || col == 25 || col == 28 || col == 32;
-    text += it != set.end() ? it->second : col == 34 ? "0-0-0" : zero ? "0" : "1";
-  }
-  return text;
-}
-
-// fork and exec with our environment less clock faking, plus TZ=UTC and extra_env; stdin
-// /dev/null, output to out_path (or /dev/null), own process group if asked. pid, or -1.
-inline pid_t spawn(std::vector<std::string> argv, const std::vector<std::string> &extra_env,
+// spawn with both outputs to out_path (or /dev/null).
+inline pid_t spawn(const std::vector<std::string> &argv, const std::vector<std::string> &env,
                    const char *out_path, bool own_group) {
-  std::vector<std::string> env = extra_env;
-  env.push_back("TZ=UTC");
-  for (char **e = environ; *e; e++)
-    if (std::strncmp(*e, "LD_PRELOAD=", 11) && std::strncmp(*e, "FAKETIME", 8) &&
-        std::strncmp(*e, "TZ=", 3))
-      env.push_back(*e);
-  ProgramLine line(argv[0].c_str(), argv, &env);
-  pid_t pid = fork();
-  if (pid == 0) {
-    if (own_group) setpgid(0, 0);
-    int in = open("/dev/null", O_RDONLY);
-    int fd = open(out_path ? out_path : "/dev/null", O_WRONLY | O_CREAT | O_APPEND, 0644);
-    if (in < 0 || fd < 0) _exit(126);
-    dup2(in, 0);
-    dup2(fd, 1);
-    dup2(fd, 2);
-    line.exec();
-    _exit(127);
-  }
+  int fd = open(out_path ? out_path : "/dev/null", O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  pid_t pid = spawn(argv[0].c_str(), argv, env, fd, fd, own_group);
+  if (fd >= 0) close(fd);
   return pid;
 }
 
@@ -158,13 +80,8 @@ class BlackboxTest : public ::testing::Test {
     // Whatever the daemon left behind and we inherited as subreaper.
     while (waitpid(-1, nullptr, WNOHANG) > 0) continue;
     for (int fd : fds_) close(fd);
-    if (sandbox_ready()) {
-      sandbox_del_br0();
-      sandbox_wipe("/tmp/mox");
-      sandbox_wipe("/media/nand");
-      unlink("/dev/zvlog");
-      unlink("/dev/log");
-    }
+    if (sandbox_ready())
+      std::system("ip link del br0 2>/dev/null; rm -rf /tmp/mox /media/nand /dev/zvlog /dev/log");
   }
 
   int own_fd(int fd) {  // closed in TearDown
@@ -211,7 +128,7 @@ class BlackboxTest : public ::testing::Test {
     if (!launch(env)) return -1;
     pid_t pid = -1;
     bool up = wait_for([&] {
-      pid = (pid_t)std::atol(read_file(kLockPath).c_str());
+      pid = (pid_t)std::atol(slurp(kLockPath).c_str());
       return pid > 0 && std::count(daemons_.begin(), daemons_.end(), pid) == 0 && alive(pid) &&
              socket_live(kAttackSock) && socket_live(kAccessSock);
     }, 10);
@@ -227,20 +144,22 @@ class BlackboxTest : public ::testing::Test {
     return it == ended_.end() ? -1 : it->second;
   }
 
+  // One datagram, waiting for room in the socket, so none is lost before the daemon reads it.
   bool send_to(const char *path, const std::string &text) {
     sockaddr_un addr = unix_addr(path);
-    return sendto(send_fd_, text.data(), text.size(), 0, (sockaddr *)&addr, sizeof addr) ==
-           (ssize_t)text.size();
+    ssize_t sent;
+    while ((sent = sendto(send_fd_, text.data(), text.size(), 0, (sockaddr *)&addr,
+                          sizeof addr)) < 0 && (errno == EAGAIN || errno == ENOBUFS))
+      usleep(500);
+    return sent == (ssize_t)text.size();
   }
 
   // What the daemon left behind, for failure messages.
   std::string state() {
-    std::string log = read_file(kLogPath);
-    size_t from = log.size() > 3000 ? log.find('\n', log.size() - 3000) : std::string::npos;
-    return "lock=\"" + std::string(read_file(kLockPath).c_str()) + "\" attack.sock " +
-           (socket_live(kAttackSock) ? "live" : "dead") + " access.sock " +
-           (socket_live(kAccessSock) ? "live" : "dead") + "\nlog (tail):\n" +
-           (from == std::string::npos ? log : log.substr(from + 1));
+    std::string log = slurp(kLogPath);
+    return "lock=\"" + std::string(slurp(kLockPath).c_str()) + "\" attack.sock " +
+           (socket_live(kAttackSock) ? "live" : "dead") + "\nlog (tail):\n" +
+           log.substr(log.size() > 3000 ? log.size() - 3000 : 0);
   }
 
   int send_fd_ = -1;

@@ -1,12 +1,9 @@
-// Black-box tests of the mox_logd binary.
+// Black-box tests of the mox_logd binary; random datagrams are its fuzz target's part.
 // Ordering: the daemon handles datagrams one at a time, in arrival order. sync_daemon()
 // sends a marker datagram with "mox:" but no record, which the daemon turns into a router
 // line on /dev/zvlog (a FIFO the test holds open) and nothing else; once its token shows
 // up, every datagram sent before it has been handled.
 #include <errno.h>
-#include <poll.h>
-
-#include <random>
 
 #include "harness.h"
 
@@ -26,17 +23,16 @@ typedef std::vector<unsigned> Counts;  // internal, intrusion, automated, unauth
 std::vector<Counts> flushed() {
   std::vector<Counts> out(1, Counts(6, 0));
   for (const char *path : {kDayPath, kHourPath}) {
-    std::string text = read_file(path);
+    std::string text = slurp(path);
     out.push_back(Counts(6, 0));
     size_t at = 0;
     for (size_t nl; (nl = text.find('\n', at)) != std::string::npos; at = nl + 1) {
       bool total = path == kDayPath && at == 0;
       std::string line = text.substr(at, nl - at);
       unsigned c[6];
-      int y, mo, d, h, mi, s;
       if ((total && line.compare(0, 6, "total,") != 0) ||
-          std::sscanf(line.c_str() + (total ? 6 : 0), "%d-%d-%d %d:%d:%d,%u,%u,%u,%u,%u,%u", &y,
-                      &mo, &d, &h, &mi, &s, &c[0], &c[1], &c[2], &c[3], &c[4], &c[5]) != 12)
+          std::sscanf(line.c_str() + (total ? 6 : 0), "%*d-%*d-%*d %*d:%*d:%*d,%u,%u,%u,%u,%u,%u",
+                  &c[0], &c[1], &c[2], &c[3], &c[4], &c[5]) != 6)
         return {};
       for (int i = 0; i < 6; i++) (total ? out[0] : out.back())[i] += c[i];
     }
@@ -109,7 +105,7 @@ TEST_F(LogdBlackbox, StartsHoldsLockAndSocketsAndStopsOnSigterm) {
   pid_t pid = start_daemon();
   ASSERT_GT(pid, 0) << state();
   std::string pid_text = std::to_string(pid);
-  EXPECT_EQ(read_file(kLockPath), pid_text + std::string(1, '\0'));
+  EXPECT_EQ(slurp(kLockPath), pid_text + std::string(1, '\0'));
   // nginx's workers are other users: both sockets take datagrams from anyone.
   for (const char *sock : {kAttackSock, kAccessSock}) {
     struct stat st;
@@ -153,7 +149,7 @@ TEST_F(LogdBlackbox, ClassifiesAndCountsOutsideAndInsideSources) {
   EXPECT_TRUE(send_attack(foreign.substr(foreign.find("ATTACK=I:"))));
   ASSERT_TRUE(sync_daemon());
 
-  EXPECT_EQ(read_file(kStatPath), "13\n");
+  EXPECT_EQ(slurp(kStatPath), "13\n");
   EXPECT_EQ(count_of(router_, std::string(kOutsideLine) + '\0'), 8u);
   EXPECT_EQ(count_of(router_, std::string(kInsideLine) + '\0'), 5u);
   expect_flushed({5, 4, 3, 2, 2, 2});
@@ -162,9 +158,9 @@ TEST_F(LogdBlackbox, ClassifiesAndCountsOutsideAndInsideSources) {
       "attack_received=21\nattack_counted=13\nattack_class_1=4\nattack_class_2=3\n"
       "attack_class_3=2\nattack_class_4=2\nattack_class_5=2\nattack_internal=5\n"
       "router_lines_written=14\nrouter_lines_failed=0\n";
-  EXPECT_TRUE(wait_for([&] { return read_file("/tmp/mox/log/logd.status").find(counts) !=
+  EXPECT_TRUE(wait_for([&] { return slurp("/tmp/mox/log/logd.status").find(counts) !=
                                     std::string::npos; }, 10))
-      << read_file("/tmp/mox/log/logd.status");
+      << slurp("/tmp/mox/log/logd.status");
   RunResult status = run_binary(sandbox_conf_path(), {"mox_conf", "status"});
   EXPECT_EQ(status.code, 0) << status.err;
   EXPECT_NE(status.out.find(": running, pid "), std::string::npos) << status.out;
@@ -175,39 +171,36 @@ TEST_F(LogdBlackbox, ClassifiesAndCountsOutsideAndInsideSources) {
 TEST_F(LogdBlackbox, RouterLineGoesToZvlogOrElseToSyslog) {
   REQUIRE_SANDBOX();
   ASSERT_TRUE(write_rzpz(kFastRzpz));
-  ASSERT_TRUE(write_text(kZvlog, ""));
+  ASSERT_TRUE(spill(kZvlog, ""));
   pid_t pid = start_daemon();
   ASSERT_GT(pid, 0) << state();
 
   EXPECT_TRUE(send_attack(record(kClass3)));
-  EXPECT_TRUE(wait_for([] { return read_file(kZvlog) == std::string(kOutsideLine) + '\0'; }, 5))
-      << read_file(kZvlog);
+  EXPECT_TRUE(wait_for([] { return slurp(kZvlog) == std::string(kOutsideLine) + '\0'; }, 5))
+      << slurp(kZvlog);
 
   // Without "Automatic" it still counts, and the device gets the empty line: a NUL.
-  ASSERT_TRUE(write_text(kZvlog, ""));
+  ASSERT_TRUE(spill(kZvlog, ""));
   EXPECT_TRUE(send_attack(record(kClass3, kOutside, "Manual Block")));
-  EXPECT_TRUE(wait_for([&] { return read_file(kZvlog) == std::string(1, '\0'); }, 5))
-      << read_file(kZvlog);
+  EXPECT_TRUE(wait_for([&] { return slurp(kZvlog) == std::string(1, '\0'); }, 5))
+      << slurp(kZvlog);
 
   // No device: the line goes to syslog as "MOXi".
   ASSERT_EQ(unlink(kZvlog), 0);
   int syslog_fd = own_fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   sockaddr_un addr = unix_addr("/dev/log");
   ASSERT_EQ(bind(syslog_fd, (sockaddr *)&addr, sizeof addr), 0) << std::strerror(errno);
+  struct timeval limit = {10, 0};
+  ASSERT_EQ(setsockopt(syslog_fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit), 0);
   EXPECT_TRUE(send_attack(record(kClass1)));
-  struct pollfd pfd = {syslog_fd, POLLIN, 0};
-  ASSERT_EQ(poll(&pfd, 1, 10000), 1) << "no syslog message";
   char msg[1024] = {0};
-  ssize_t n = recv(syslog_fd, msg, sizeof msg - 1, 0);
-  ASSERT_GT(n, 0);
-  std::string text(msg, (size_t)n);
+  ASSERT_GT(recv(syslog_fd, msg, sizeof msg - 1, 0), 0) << "no syslog message";
   // Severity info; the facility is whatever the C library makes of 0.
   int priority = -1;
-  EXPECT_EQ(std::sscanf(text.c_str(), "<%d>", &priority), 1) << text;
-  EXPECT_EQ(priority & 7, 6) << text;
-  EXPECT_NE(text.find("MOXi[" + std::to_string(pid) + "]: " + kOutsideLine), std::string::npos)
-      << text;
-  EXPECT_EQ(read_file(kStatPath), "3\n");
+  EXPECT_TRUE(std::sscanf(msg, "<%d>", &priority) == 1 && (priority & 7) == 6) << msg;
+  EXPECT_NE(std::strstr(msg, ("MOXi[" + std::to_string(pid) + "]: " + kOutsideLine).c_str()), nullptr)
+      << msg;
+  EXPECT_EQ(slurp(kStatPath), "3\n");
 }
 
 TEST_F(LogdBlackbox, HostileDatagramsNeverStopTheDaemon) {
@@ -239,26 +232,16 @@ TEST_F(LogdBlackbox, HostileDatagramsNeverStopTheDaemon) {
       // Stale "ATTACK=I:" behind the second's end; zero length over old bytes.
       std::string(900, 'x') + "ATTACK=I:1:2:3", "mox: [Automatic",
       head + std::string(700, ':'), ""};
-  std::mt19937 rng(20241122);
-  for (int i = 0; i < 100; i++) {
-    std::string junk(rng() % 1500, '\0');
-    for (char &ch : junk) ch = (char)(rng() & 0xff);
-    if (i % 2 && junk.size() > 40) {
-      junk.replace(0, 16, "mox: [Automatic ");
-      junk.replace(16 + rng() % (junk.size() - 30), 9, "ATTACK=I:");
-    }
-    bad.push_back(junk);
-  }
   for (const std::string &d : bad) ASSERT_TRUE(send_attack(d)) << std::strerror(errno);
   ASSERT_TRUE(sync_daemon());
   ASSERT_TRUE(alive(pid));
   EXPECT_TRUE(in_log("sscanf error."));
   EXPECT_TRUE(in_log("sscanf src IP and port error."));
 
-  unsigned long before = std::strtoul(read_file(kStatPath).c_str(), nullptr, 10);
+  unsigned long before = std::strtoul(slurp(kStatPath).c_str(), nullptr, 10);
   EXPECT_TRUE(send_attack(record(kClass4)));
   ASSERT_TRUE(sync_daemon());
-  EXPECT_EQ(std::strtoul(read_file(kStatPath).c_str(), nullptr, 10), before + 1);
+  EXPECT_EQ(std::strtoul(slurp(kStatPath).c_str(), nullptr, 10), before + 1);
   // Its router line comes right after the previous sync's.
   std::string mark = "From source: sync" + std::to_string(sync_seq_ - 1) + ", port 1,";
   EXPECT_NE(router_.find(mark + '\0' + kOutsideLine + '\0'), std::string::npos);
@@ -274,8 +257,8 @@ TEST_F(LogdBlackbox, SighupReloadsOnceAndSigusr2ClearsTheCounts) {
   EXPECT_TRUE(wait_for([&] { return in_log(reload); }, 5)) << state();
   for (const Columns &c : {kClass1, kClass1, kClass2Bot}) EXPECT_TRUE(send_attack(record(c)));
   ASSERT_TRUE(sync_daemon());
-  EXPECT_EQ(count_of(read_file(kLogPath), reload), 1u) << "one signal, one reload";
-  EXPECT_EQ(read_file(kStatPath), "3\n");
+  EXPECT_EQ(count_of(slurp(kLogPath), reload), 1u) << "one signal, one reload";
+  EXPECT_EQ(slurp(kStatPath), "3\n");
   expect_flushed({0, 2, 1, 0, 0, 0});
 
   // The handler has run once the daemon handles a datagram sent after the
@@ -284,7 +267,7 @@ TEST_F(LogdBlackbox, SighupReloadsOnceAndSigusr2ClearsTheCounts) {
   ASSERT_TRUE(sync_daemon());
   EXPECT_TRUE(send_attack(record(kClass4)));
   ASSERT_TRUE(sync_daemon());
-  EXPECT_EQ(read_file(kStatPath), "1\n");
+  EXPECT_EQ(slurp(kStatPath), "1\n");
   expect_flushed({0, 0, 0, 0, 1, 0});
 }
 
@@ -301,13 +284,13 @@ TEST_F(LogdBlackbox, SecondInstanceIsRefusedAndARestartKeepsTheCounts) {
   pid_t other = -1;
   const std::string key = "logd loop start, pid=";
   ASSERT_TRUE(wait_for([&] {
-    std::string log = read_file(kLogPath);
+    std::string log = slurp(kLogPath);
     size_t at = log.rfind(key);
     other = at == std::string::npos ? -1 : (pid_t)std::atol(log.c_str() + at + key.size());
     return other > 0 && other != first && count_of(log, "mox_logd is already running") >= 2;
   }, 10)) << state();
   daemons_.push_back(other);
-  EXPECT_EQ(read_file(kLockPath), std::to_string(first) + std::string(1, '\0'));
+  EXPECT_EQ(slurp(kLockPath), std::to_string(first) + std::string(1, '\0'));
   // Had the newcomer taken the sockets, they would be dead once it is gone.
   EXPECT_TRUE(end_process(other, other));
   EXPECT_TRUE(send_attack(record(kClass2Bot)));
@@ -320,9 +303,9 @@ TEST_F(LogdBlackbox, SecondInstanceIsRefusedAndARestartKeepsTheCounts) {
   struct stat st;
   ASSERT_EQ(stat(kDeviceKey, &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
-  const std::string device_key = read_file(kDeviceKey);
+  const std::string device_key = slurp(kDeviceKey);
   auto key_line = [] {
-    std::string status = read_file("/tmp/mox/log/logd.status");
+    std::string status = slurp("/tmp/mox/log/logd.status");
     size_t at = status.find("device_key=");
     return at == std::string::npos ? "" : status.substr(at, status.find('\n', at) - at);
   };
@@ -332,22 +315,22 @@ TEST_F(LogdBlackbox, SecondInstanceIsRefusedAndARestartKeepsTheCounts) {
   ASSERT_GT(start_daemon(), 0) << state();
   EXPECT_TRUE(send_attack(record(kClass2Flag)));
   ASSERT_TRUE(sync_daemon());
-  EXPECT_EQ(read_file(kStatPath), "5\n");
+  EXPECT_EQ(slurp(kStatPath), "5\n");
   expect_flushed({0, 1, 2, 1, 0, 1});
-  EXPECT_EQ(read_file(kDeviceKey), device_key);
+  EXPECT_EQ(slurp(kDeviceKey), device_key);
   EXPECT_EQ(key_line(), first_key);
   // A key file that does not read is kept aside, never overwritten, and a new key made.
   ASSERT_NE(stop_daemon(daemons_.back()), -1);
-  ASSERT_TRUE(write_text(kDeviceKey, "damaged"));
+  ASSERT_TRUE(spill(kDeviceKey, "damaged"));
   ASSERT_GT(start_daemon(), 0) << state();
-  EXPECT_EQ(read_file(std::string(kDeviceKey) + ".bad"), "damaged");
+  EXPECT_EQ(slurp(std::string(kDeviceKey) + ".bad"), "damaged");
   EXPECT_TRUE(wait_for([&] { return key_line().size() == first_key.size() && key_line() != first_key; },
                        5)) << key_line();
 }
 
 TEST_F(LogdBlackbox, BurstOf100000IsCountedInFull) {
   REQUIRE_SANDBOX();
-  ASSERT_TRUE(write_rzpz(kFastRzpz) && write_text(kZvlog, ""));
+  ASSERT_TRUE(write_rzpz(kFastRzpz) && spill(kZvlog, ""));
   pid_t pid = start_daemon();
   ASSERT_GT(pid, 0) << state();
 
@@ -359,13 +342,13 @@ TEST_F(LogdBlackbox, BurstOf100000IsCountedInFull) {
   for (int i = 0; i < 100000; i++) {
     sent += send_attack(one) ? 1 : 0;
     if (i == 90000)  // the day total's unauthorized_access, as last flushed
-      std::sscanf(read_file(kDayPath).c_str(), "total,%*d-%*d-%*d %*d:%*d:%*d,%*u,%*u,%*u,%u",
+      std::sscanf(slurp(kDayPath).c_str(), "total,%*d-%*d-%*d %*d:%*d:%*d,%*u,%*u,%*u,%u",
                   &midway);
   }
   ASSERT_EQ(sent, 100000) << std::strerror(errno);
   EXPECT_GT(midway, 0u) << "no flush during the burst";
-  EXPECT_TRUE(wait_for([] { return read_file(kStatPath) == "100000\n"; }, 120))
-      << read_file(kStatPath);
+  EXPECT_TRUE(wait_for([] { return slurp(kStatPath) == "100000\n"; }, 120))
+      << slurp(kStatPath);
   EXPECT_TRUE(alive(pid));
   expect_flushed({0, 0, 0, 100000, 0, 0});
 }
@@ -386,7 +369,7 @@ TEST_F(LogdBlackbox, BadSettingsFallBackToDefaults) {
     EXPECT_TRUE(send_attack(record(kClass1)));
     EXPECT_TRUE(send_attack(header(kOutside)));  // logs "sscanf error."
     ASSERT_TRUE(sync_daemon());
-    EXPECT_EQ(read_file(kStatPath), "1\n");
+    EXPECT_EQ(slurp(kStatPath), "1\n");
     EXPECT_FALSE(wait_for([] { return access(kDayPath, F_OK) == 0; }, 1.5)) << "flushed at once";
 
     EXPECT_TRUE(in_log("  ERROR  (get_attack_fields:")) << state();

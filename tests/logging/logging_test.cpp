@@ -1,37 +1,20 @@
+// The diagnostic log: the trim that keeps it near 32 KiB, and a trim that cannot finish.
+// Its lines, levels and the level read from the settings file are the black-box tests'
+// part.
 #include "logging/logging.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <regex>
-#include <string>
 #include <vector>
 
+#include "files.h"
 #include "platform/platform.h"
-#include "support/sandbox.h"
+#include "sandbox.h"
 
 namespace {
-
-const LogSinkRecord kInitialSink = LogSink;  // copied before any test runs
-
-void put(const std::string &path, const std::string &data) {
-  FILE *f = fopen(path.c_str(), "w");
-  ASSERT_NE(f, nullptr) << path;
-  fwrite(data.data(), 1, data.size(), f);
-  fclose(f);
-}
-
-std::string slurp(const std::string &path) {
-  FILE *f = fopen(path.c_str(), "r");
-  if (f == nullptr) return "<missing>";
-  std::string out;
-  char buf[4096];
-  for (size_t n; (n = fread(buf, 1, sizeof buf, f)) > 0;) out.append(buf, n);
-  fclose(f);
-  return out;
-}
 
 // size bytes of 'x' with newlines at the given offsets.
 std::string filled(size_t size, const std::vector<size_t> &newlines) {
@@ -40,13 +23,10 @@ std::string filled(size_t size, const std::vector<size_t> &newlines) {
   return s;
 }
 
-bool matches(const std::string &text, const std::string &re) {
-  return std::regex_match(text, std::regex(re));
-}
-
 // text is head (compared as is) followed by something matching tail_re.
 bool head_then(const std::string &text, const std::string &head, const std::string &tail_re) {
-  return text.compare(0, head.size(), head) == 0 && matches(text.substr(head.size()), tail_re);
+  return text.compare(0, head.size(), head) == 0 &&
+         std::regex_match(text.substr(head.size()), std::regex(tail_re));
 }
 
 class LogTest : public ::testing::Test {
@@ -60,82 +40,11 @@ class LogTest : public ::testing::Test {
   }
   void TearDown() override {
     log_close();
-    LogSink.level = 3;
     LogSink.mask = 0;
-    clock_set(0);
     if (!dir.empty()) sandbox_wipe(dir.c_str());
   }
   std::string dir, path;
 };
-
-TEST_F(LogTest, SilentBeforeInit) {
-  EXPECT_TRUE(kInitialSink.file == nullptr && kInitialSink.path == nullptr);
-  EXPECT_EQ(kInitialSink.level, 3);
-  EXPECT_EQ(kInitialSink.mask, 0u);
-  testing::internal::CaptureStdout();
-  DLOG_ERROR("not shown %d", 1);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-}
-
-TEST_F(LogTest, LineFormat) {
-  log_init(path.c_str(), nullptr, LOG_MASK_FILE);
-  LogSink.level = 0;
-  DLOG_INFO("free clock %d", 7); std::string line1 = std::to_string(__LINE__);
-  std::string first = slurp(path);
-  EXPECT_TRUE(matches(first, "\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d  INFO   \\(TestBody:" +
-                                 line1 + "\\)  free clock 7\n")) << first;
-
-  setenv("TZ", "XYZ-2", 1);  // two hours east of UTC: the stamp is local time
-  tzset();
-  clock_set(1700000000);     // 2023-11-14 22:13:20 UTC
-  DLOG_ERROR("daemon error ... %s\n", "x"); std::string line2 = std::to_string(__LINE__);
-  unsetenv("TZ");
-  tzset();
-  EXPECT_EQ(slurp(path).substr(first.size()),
-            "2023-11-15 00:13:20  ERROR  (TestBody:" + line2 + ")  daemon error ... x\n\n");
-}
-
-TEST_F(LogTest, MaskChoosesOutputs) {
-  LogSink.level = 0;
-  LogSink.mask = LOG_MASK_STDOUT;  // no stream needed
-  testing::internal::CaptureStdout();
-  DLOG_INFO("a %d", 1);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "a 1\n");
-
-  log_init(path.c_str(), nullptr, LOG_MASK_STDOUT | LOG_MASK_FILE);
-  LogSink.level = 0;
-  testing::internal::CaptureStdout();
-  DLOG_ERROR("b");
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "b\n");
-  EXPECT_TRUE(matches(slurp(path), "[-0-9: ]{19}  ERROR  .*  b\n"));
-
-  LogSink.mask = LOG_MASK_STDOUT;
-  fclose(LogSink.file);
-  LogSink.file = nullptr;  // as after a failed reopen: the file copy is skipped
-  for (uint32_t mask : {LOG_MASK_STDOUT, LOG_MASK_STDOUT | LOG_MASK_FILE}) {
-    LogSink.mask = mask;
-    testing::internal::CaptureStdout();
-    DLOG_ERROR("c");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "c\n");
-  }
-  EXPECT_TRUE(matches(slurp(path), "[^\n]*  b\n"));
-}
-
-TEST_F(LogTest, LevelFiltering) {
-  const char *expected[] = {"D\nI\nE\n", "D\nI\nE\n", "I\nE\n", "E\n", "E\n"};
-  LogSink.mask = LOG_MASK_STDOUT;
-  for (int level = 0; level <= 4; level++) {
-    LogSink.level = level;
-    testing::internal::CaptureStdout();
-    DLOG_DEBUG("D");
-    DLOG_INFO("I");
-    DLOG_ERROR("E");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), expected[level]) << "level " << level;
-  }
-  int evaluated = 0;
-  DLOG_DEBUG("%d", ++evaluated);  // suppressed: arguments untouched
-  EXPECT_EQ(evaluated, 0);
-}
 
 // log_open trims a file left by an earlier run.
 TEST_F(LogTest, TrimKeepsTailFromWholeLine) {
@@ -144,34 +53,31 @@ TEST_F(LogTest, TrimKeepsTailFromWholeLine) {
     std::vector<size_t> newlines;
     long kept_from;  // -1: left whole
   } cases[] = {
-      {32767, {20000, 32766}, -1},
-      {32768, {13000, 13200, 20000, 32767}, 13201},  // start 13107
-      {32768, {13107, 32767}, 13108},                // newline right at start
-      {32768, {13106, 13500, 32767}, 13501},         // line beginning at start dropped
-      {32768, {1000}, -1},                           // no newline behind start
-      {32768, {32767}, 32768},                       // last byte only: empty file
-      {54613, {21900, 41600}, 21901},                // start 21845
-      {54614, {21900, 41600}, 41601},                // start 41507
-      {100000, {40000, 87000, 99999}, 87001},        // start 86893
-  };
+      {32767, {20000, 32766}, -1}, {32768, {13000, 13200, 20000, 32767}, 13201},  // start 13107
+      {32768, {13107, 32767}, 13108},         // newline right at start
+      {32768, {13106, 13500, 32767}, 13501},  // line beginning at start dropped
+      {32768, {1000}, -1},                    // no newline behind start
+      {32768, {32767}, 32768},                // last byte only: empty file
+      {54613, {21900, 41600}, 21901}, {54614, {21900, 41600}, 41601},  // start 21845, 41507
+      {100000, {40000, 87000, 99999}, 87001}};  // start 86893
   for (const Case &c : cases) {
     std::string original = filled(c.size, c.newlines);
-    put(path, original);
+    ASSERT_TRUE(spill(path, original));
     log_init(path.c_str(), nullptr, LOG_MASK_FILE);
     EXPECT_EQ(slurp(path), c.kept_from < 0 ? original : original.substr(c.kept_from)) << c.size;
     EXPECT_NE(access((path + ".tmp").c_str(), F_OK), 0);
   }
   std::string original = filled(32760, {20000, 32759});
-  put(path, original);
+  ASSERT_TRUE(spill(path, original));
   log_init(path.c_str(), nullptr, LOG_MASK_FILE);
   DLOG_ERROR("one");  // crosses 32768 while running
   DLOG_ERROR("two");  // goes to the new stream
   EXPECT_TRUE(head_then(slurp(path), original.substr(20001), "[^\n]*  one\n[^\n]*  two\n"));
-}
 
-TEST_F(LogTest, TrimWithoutTempFileLeavesLogWhole) {
-  std::string original = filled(40000, {20000, 39999});
-  put(path, original);
+  // Without a temporary file the log stays whole.
+  log_close();
+  original = filled(40000, {20000, 39999});
+  ASSERT_TRUE(spill(path, original));
   ASSERT_EQ(mkdir((path + ".tmp").c_str(), 0700), 0);  // "w+" cannot open it
   log_init(path.c_str(), nullptr, LOG_MASK_FILE);
   DLOG_ERROR("still here");
@@ -184,11 +90,10 @@ struct FailingLog {
   long pos = 0;
   static ssize_t read(void *c, char *buf, size_t size) {
     FailingLog *f = static_cast<FailingLog *>(c);
-    if (f->pos >= kGoodEnd) return -1;
-    size_t n = std::min(size, static_cast<size_t>(kGoodEnd - f->pos));
+    size_t n = f->pos >= kGoodEnd ? 0 : std::min(size, static_cast<size_t>(kGoodEnd - f->pos));
     for (size_t i = 0; i < n; i++) buf[i] = (f->pos + i) % 100 == 99 ? '\n' : 'x';
     f->pos += n;
-    return static_cast<ssize_t>(n);
+    return n > 0 ? static_cast<ssize_t>(n) : -1;
   }
   static int seek(void *c, off64_t *off, int whence) {
     FailingLog *f = static_cast<FailingLog *>(c);
@@ -198,7 +103,7 @@ struct FailingLog {
 };
 
 TEST_F(LogTest, ReadErrorDuringCopyAbandonsTrim) {
-  put(path, "untouched\n");
+  ASSERT_TRUE(spill(path, "untouched\n"));
   FailingLog fake;
   FILE *stream = fopencookie(&fake, "r", {FailingLog::read, nullptr, FailingLog::seek, nullptr});
   ASSERT_NE(stream, nullptr);
@@ -212,63 +117,6 @@ TEST_F(LogTest, ReadErrorDuringCopyAbandonsTrim) {
   EXPECT_NE(access((path + ".tmp").c_str(), F_OK), 0);
   fclose(stream);
   free(sink.path);
-}
-
-TEST_F(LogTest, OpenMakesFoldersWithMode0766) {
-  mode_t old_mask = umask(0);
-  std::string nested = dir + "/a/b/logd.log";
-  log_init(nested.c_str(), nullptr, LOG_MASK_FILE);
-  umask(old_mask);
-  EXPECT_STREQ(LogSink.path, nested.c_str());
-  for (const char *sub : {"/a", "/a/b"}) {
-    struct stat st;
-    ASSERT_EQ(stat((dir + sub).c_str(), &st), 0) << sub;
-    EXPECT_EQ(st.st_mode & (S_IFMT | 07777), S_IFDIR | 0766u) << sub;
-  }
-  LogSink.level = 0;
-  log_open(path.c_str(), "mox_logd", LOG_MASK_STDOUT);  // open sink: ignored
-  EXPECT_STREQ(LogSink.path, nested.c_str());
-  EXPECT_TRUE(LogSink.level == 0 && LogSink.mask == LOG_MASK_FILE);
-}
-
-TEST_F(LogTest, OpenFailuresEndProcess) {
-  using testing::ExitedWithCode;
-  EXPECT_EXIT(log_open(nullptr, nullptr, 1), ExitedWithCode(1), "path is NULL");
-  put(dir + "/plain", "");
-  ASSERT_EQ(mkdir((dir + "/isdir").c_str(), 0700), 0);
-  for (const std::string &p : {dir + "/plain/sub/logd.log",  // component is a file
-                               dir + "/" + std::string(1100, 'n') + "/x.log",  // >= 1024
-                               std::string("/proc"),  // under the root: "" cannot be made
-                               dir + "/isdir"})       // folders fine, second open fails
-    EXPECT_EXIT(log_open(p.c_str(), nullptr, 1), ExitedWithCode(1), "open file failure") << p;
-  EXPECT_EXIT((void)(chdir(dir.c_str()) == 0 && (log_open("isdir", nullptr, 1), 0)),
-              ExitedWithCode(1), "open file failure");  // no "/" at all
-}
-
-TEST_F(LogTest, LevelFromSettingsFile) {
-  mkdir("/media/nand", 0755);
-  mkdir("/media/nand/mox_data", 0755);
-  struct Case {
-    const char *content;  // null: no settings file
-    const char *name;
-    int32_t level;
-  } cases[] = {
-      {"mox_logd=2\n", "mox_logd", 2},   {"mox_logd=7\n", "mox_logd", 4},
-      {"mox_logd=-1\n", "mox_logd", 4},  {"mox_logd=abc\n", "mox_logd", 0},
-      {"mox_logd=\n", "mox_logd", 0},    {"mox_logd =2\n", "mox_logd", 4},
-      {"mox_logd=1=x\n", "mox_logd", 1}, {"other=0\nmox_logd=2\n", "mox_logd", 2},
-      {"mox_logd=1\nmox_logd=3\n", "mox_logd", 1}, {"", "mox_logd", 4},
-      {nullptr, "mox_logd", 4},          {"mox_logd=1\n", nullptr, 4},
-      {"mox_logd=4294967297\n", "mox_logd", 4},  // never wrapped into 1
-  };
-  for (const Case &c : cases) {
-    unlink(RZPZ_PATH);
-    if (c.content) put(RZPZ_PATH, c.content);
-    LogSink.level = 99;
-    log_init(path.c_str(), c.name, LOG_MASK_FILE | LOG_MASK_STDOUT);
-    EXPECT_EQ(LogSink.level, c.level) << (c.content ? c.content : "(no file)");
-    EXPECT_EQ(LogSink.mask, 3u);
-  }
 }
 
 }  // namespace

@@ -27,13 +27,10 @@ class Collector {
   explicit Collector(int port = 0, Peer mode = Peer::kStore) : mode_(mode) {
     fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     int one = 1;
-    setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    a.sin_port = htons((uint16_t)port);
+    sockaddr_in a{AF_INET, htons((uint16_t)port), {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t len = sizeof a;
-    if (fd_ < 0 || bind(fd_, (sockaddr *)&a, sizeof a) != 0 || listen(fd_, 16) != 0 ||
+    if (fd_ < 0 || setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 ||
+        bind(fd_, (sockaddr *)&a, sizeof a) != 0 || listen(fd_, 16) != 0 ||
         getsockname(fd_, (sockaddr *)&a, &len) != 0)
       return;
     port_ = ntohs(a.sin_port);

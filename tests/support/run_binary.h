@@ -1,5 +1,5 @@
-// Runs one of the project's programs to its end and keeps what it wrote, for
-// tests that judge a tool by its exit code and its output.
+// Starts the project's programs and helpers from outside, as an operator would: in the
+// background, or to their end keeping what they wrote.
 #pragma once
 
 #include <fcntl.h>
@@ -11,6 +11,8 @@
 #include <cstring>
 #include <string>
 #include <vector>
+
+#include "sandbox.h"
 
 struct RunResult {
   int code;  // exit status, 128 + signal, or -1 when it could not run
@@ -90,20 +92,35 @@ class ProgramLine {
   std::vector<char *> args_, envp_;
 };
 
-// Runs path with argv (argv[0] is the name the program is given) and stdin
-// on /dev/null. Both outputs go to anonymous files, so no pipe can fill up
-// and stall the program, and a child it leaves running holds nothing up.
-inline RunResult run_binary(const char *path, std::vector<std::string> argv) {
-  RunResult r{-1, "", ""};
-  ProgramLine line(path, std::move(argv));
-  int fds[2] = {memfd_create("out", MFD_CLOEXEC), memfd_create("err", MFD_CLOEXEC)};
-  pid_t pid = fds[0] >= 0 && fds[1] >= 0 ? fork() : -1;
+// fork and exec of path, with argv (argv[0] is the name the program is given) and our
+// environment less clock faking, plus TZ=UTC and extra_env; stdin on /dev/null, output to
+// out and err, its own process group if asked. The pid, or -1.
+inline pid_t spawn(const char *path, std::vector<std::string> argv,
+                   const std::vector<std::string> &extra_env, int out, int err, bool own_group) {
+  std::vector<std::string> env = extra_env;
+  env.push_back("TZ=UTC");
+  for (char **e = environ; *e; e++)
+    if (std::strncmp(*e, "LD_PRELOAD=", 11) && std::strncmp(*e, "FAKETIME", 8) &&
+        std::strncmp(*e, "TZ=", 3))
+      env.push_back(*e);
+  ProgramLine line(path, std::move(argv), &env);
+  pid_t pid = out >= 0 && err >= 0 ? fork() : -1;
   if (pid == 0) {
+    if (own_group) setpgid(0, 0);
     int in = open("/dev/null", O_RDONLY);
-    if (in < 0 || dup2(in, 0) < 0 || dup2(fds[0], 1) < 0 || dup2(fds[1], 2) < 0) _exit(126);
+    if (in < 0 || dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0) _exit(126);
     line.exec();
     _exit(127);
   }
+  return pid;
+}
+
+// Runs path to its end. Both outputs go to anonymous files, so no pipe can fill up and
+// stall the program, and a child it leaves running holds nothing up.
+inline RunResult run_binary(const char *path, std::vector<std::string> argv) {
+  RunResult r{-1, "", ""};
+  int fds[2] = {memfd_create("out", MFD_CLOEXEC), memfd_create("err", MFD_CLOEXEC)};
+  pid_t pid = spawn(path, argv, {}, fds[0], fds[1], false);
   int status = 0;
   if (pid > 0 && waitpid(pid, &status, 0) == pid)
     r.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
@@ -116,4 +133,10 @@ inline RunResult run_binary(const char *path, std::vector<std::string> argv) {
     if (fds[i] >= 0) close(fds[i]);
   }
   return r;
+}
+
+// mox_conf with these arguments, started as the tests start it.
+inline RunResult mox_conf(std::vector<std::string> args) {
+  args.insert(args.begin(), "mox_conf");
+  return run_binary(sandbox_conf_path(), args);
 }

@@ -41,11 +41,7 @@ int under_emulator(void);
     if (under_emulator()) GTEST_SKIP() << "qemu-user lacks " << (lacks);    \
   } while (0)
 
-// Path through which the mox_logd binary can be executed inside the sandbox.
+// Paths through which mox_logd, mox_conf and mox_logdecode run inside the sandbox.
 const char *sandbox_logd_path(void);
-
-// Path through which the mox_conf binary can be executed inside the sandbox.
 const char *sandbox_conf_path(void);
-
-// Path through which the mox_logdecode binary can be executed inside the sandbox.
 const char *sandbox_logdecode_path(void);

@@ -3,7 +3,6 @@
 // and the clock can be stepped, while the monotonic clock (every wait and
 // pause of the daemon) stays real. MOX_WALLCLOCK names a file holding one
 // WallClock record (wallclock.h) that the test rewrites to step the clock.
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <stdlib.h>
@@ -22,11 +21,9 @@ pthread_once_t mapped = PTHREAD_ONCE_INIT;
 
 void map_clock() {
   const char *path = getenv("MOX_WALLCLOCK");
-  if (path == nullptr) return;
-  int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return;
-  void *p = mmap(nullptr, sizeof(WallClock), PROT_READ, MAP_SHARED, fd, 0);
-  close(fd);
+  int fd = path != nullptr ? open(path, O_RDONLY | O_CLOEXEC) : -1;
+  void *p = fd < 0 ? MAP_FAILED : mmap(nullptr, sizeof(WallClock), PROT_READ, MAP_SHARED, fd, 0);
+  if (fd >= 0) close(fd);
   if (p != MAP_FAILED) shared_clock = static_cast<const volatile WallClock *>(p);
 }
 
@@ -63,11 +60,9 @@ time_t time(time_t *out) {
   return now;
 }
 
-int gettimeofday(struct timeval *tv, void *tz) {
-  (void)tz;
+int gettimeofday(struct timeval *tv, void *) {
   int64_t ns = fake_ns();
-  tv->tv_sec = (time_t)(ns / 1000000000);
-  tv->tv_usec = (suseconds_t)(ns % 1000000000 / 1000);
+  *tv = {(time_t)(ns / 1000000000), (suseconds_t)(ns % 1000000000 / 1000)};
   return 0;
 }
 
@@ -75,8 +70,7 @@ int clock_gettime(clockid_t id, struct timespec *ts) {
   if (id != CLOCK_REALTIME && id != CLOCK_REALTIME_COARSE)
     return (int)syscall(CLOCK_GETTIME_CALL, id, ts);
   int64_t ns = fake_ns();
-  ts->tv_sec = (time_t)(ns / 1000000000);
-  ts->tv_nsec = (long)(ns % 1000000000);
+  *ts = {(time_t)(ns / 1000000000), (long)(ns % 1000000000)};
   return 0;
 }
 
