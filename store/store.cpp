@@ -52,9 +52,6 @@
 #define STORE_INFO "mox store v1 aes-256-gcm key"
 #define STORE_LENGTH_OFFSET 17   // after the nonce
 
-static int fail_step = 0;
-
-void store_fail_after_step(int step) { fail_step = step; }
 
 static void put_be32(unsigned char *p, uint32_t v) {
   p[0] = static_cast<unsigned char>(v >> 24);
@@ -267,15 +264,8 @@ static int seal_body(EVP_CIPHER_CTX *ctx, int fd, const unsigned char *header,
   return 0;
 }
 
-// A stop of the test seam: leaves everything as a killed process would.
-static int stopped_at(int step) {
-  if (fail_step != step) return 0;
-  DLOG_INFO("store write stopped after step %d", step);
-  return 1;
-}
-
-// Writes the temporary file; 0 written, 1 stopped by the seam, -1 failed
-// (the temporary file is removed then).
+// Writes the temporary file; 0 written, -1 failed (the temporary file is
+// removed then).
 static int write_temp(const unsigned char *header, const unsigned char *text, size_t n) {
   // The name is fixed: a leftover goes first, and the file is made anew,
   // never opened, so a link planted at the name is neither followed nor
@@ -286,10 +276,6 @@ static int write_temp(const unsigned char *header, const unsigned char *text, si
   EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
   int rc = ctx != nullptr ? seal_body(ctx, fd, header, text, n) : not_saved("no cipher context", 0);
   EVP_CIPHER_CTX_free(ctx);
-  if (rc == 0 && stopped_at(1)) {
-    close(fd);
-    return 1;
-  }
   if (rc == 0 && fsync(fd) != 0) rc = not_saved("sync of " STORE_TMP_PATH " failed", errno);
   if (close(fd) != 0 && rc == 0) rc = not_saved("close of " STORE_TMP_PATH " failed", errno);
   if (rc != 0) unlink(STORE_TMP_PATH);
@@ -332,13 +318,11 @@ int sec_write_conf(const char *text, int length) {
   int rc = write_temp(header, reinterpret_cast<const unsigned char *>(text),
                       static_cast<size_t>(length));
   if (rc != 0) return -1;
-  if (stopped_at(2)) return -1;
   if (rename(STORE_TMP_PATH, STORE_PATH) != 0) {
     int err = errno;
     unlink(STORE_TMP_PATH);
     return not_saved("rename over " STORE_PATH " failed", err);
   }
-  if (stopped_at(3)) return -1;
   // The new text is in place; only its survival of a power cut is in doubt.
   return sync_dir();
 }

@@ -42,13 +42,6 @@ int make_store_dir(void);
 // that exists but does not read (it is never overwritten), or an I/O failure.
 int sec_write_conf(const char *text, int length);
 
-// ---- test seam ----------------------------------------------------------------
-
-// Makes every later sec_write_conf stop, as if the process were killed,
-// after step 1 (temporary file written), 2 (temporary file synced) or
-// 3 (renamed over the store); that write returns -1. 0 turns it off.
-void store_fail_after_step(int step);
-
 // ---- release package ----------------------------------------------------------
 
 // The release folder (templates and policies) as one signed, enciphered
