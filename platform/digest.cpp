@@ -51,11 +51,7 @@ int file_md5_matches(const char *path, const char *expected_hex) {
   MD5_Final(digest, &context);
   free(data);
 
-  static const char hex_digits[] = "0123456789abcdef";
-  char hex[MD5_DIGEST_LENGTH * 2 + 1] = {0};
-  for (int i = 0; i < MD5_DIGEST_LENGTH; i++) {
-    hex[2 * i] = hex_digits[digest[i] >> 4];
-    hex[2 * i + 1] = hex_digits[digest[i] & 0x0f];
-  }
+  char hex[MD5_DIGEST_LENGTH * 2 + 1];
+  hex_text(digest, MD5_DIGEST_LENGTH, hex);
   return strcmp(hex, expected_hex) == 0 ? 0 : 1;
 }

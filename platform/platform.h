@@ -289,6 +289,9 @@ int is_space_char(int c);
 // INT_MAX or INT_MIN, never a wrapped value. 0 for null.
 int text_to_int(const char *text);
 
+// The n bytes as lower-case hex into out (2 * n + 1 bytes, terminated).
+void hex_text(const unsigned char *bytes, size_t n, char *out);
+
 // ---- endpoint parser ----------------------------------------------------------
 
 #define ENDPOINT_TEXT_MAX 511      // longest endpoint text: a whole website line

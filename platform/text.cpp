@@ -70,3 +70,12 @@ const char *find_field_value(const char *text, const char *key) {
   }
   return pos;
 }
+
+void hex_text(const unsigned char *bytes, size_t n, char *out) {
+  static const char digits[] = "0123456789abcdef";
+  for (size_t i = 0; i < n; i++) {
+    out[2 * i] = digits[bytes[i] >> 4];
+    out[2 * i + 1] = digits[bytes[i] & 0x0f];
+  }
+  out[2 * n] = '\0';
+}

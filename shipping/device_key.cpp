@@ -126,11 +126,4 @@ int device_signature_ok(const unsigned char *public_key, const unsigned char *da
   return ok;
 }
 
-void key_hex(const unsigned char *key, char *out) {
-  static const char digits[] = "0123456789abcdef";
-  for (int i = 0; i < SHIP_SIGN_KEY_SIZE; i++) {
-    out[2 * i] = digits[key[i] >> 4];
-    out[2 * i + 1] = digits[key[i] & 15];
-  }
-  out[2 * SHIP_SIGN_KEY_SIZE] = '\0';
-}
+void key_hex(const unsigned char *key, char *out) { hex_text(key, SHIP_SIGN_KEY_SIZE, out); }

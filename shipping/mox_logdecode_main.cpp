@@ -20,6 +20,7 @@
 // refused is reported on standard error and skipped. Exit status: 0
 // everything decoded, 1 something skipped or refused (or the keyring not
 // written), 2 bad usage, or a key or keyring that cannot be loaded.
+#include <ctype.h>
 #include <errno.h>
 #include <getopt.h>
 #include <inttypes.h>
@@ -168,7 +169,10 @@ static int flat_object(const char *p, size_t len) {
     if (q >= end || *q++ != '"') return NULL;
     for (; q < end && *q != '"'; q++) {
       if ((unsigned char)*q < 0x20 || *q == 0x7f) return NULL;
-      if (*q == '\\' && (++q == end || !strchr("\"\\/bfnrtu", *q))) return NULL;
+      if (*q != '\\') continue;
+      if (++q == end || *q == '\0' || !strchr("\"\\/bfnrtu", *q)) return NULL;
+      for (int i = 0, digits = *q == 'u' ? 4 : 0; i < digits; i++)
+        if (++q == end || !isxdigit((unsigned char)*q)) return NULL;
     }
     return q < end ? q + 1 : NULL;
   };

@@ -219,13 +219,14 @@ TEST_F(Ship, KeyringRefusesForgeriesKeyChangesAndReplays) {
   std::ofstream("/tmp/ring") << ring << hex << " \"SN9\"\n";
   std::ofstream("/tmp/input", std::ios::binary)
       << input.substr(0, input.find('\n', input.find('\n') + 1) + 1)
-      << report_line("SN9", 1, "{\"a\":1}\n{\"b\":2}");
+      << report_line("SN9", 1, "{\"a\":1}\n{\"b\":2}") << report_line("SN9", 2, "{\"a\":\"\\u12\"}");
   r = decode();
   EXPECT_EQ(1, r.code);
   EXPECT_EQ("", r.out);
   EXPECT_NE(std::string::npos, r.err.find("line 1: replay: device \"victim\" epoch 000000000000beef "
                                           "kind A sequence 1 was decoded by an earlier run")) << r.err;
   EXPECT_NE(std::string::npos, r.err.find("line 3: report is not one flat JSON object")) << r.err;
+  EXPECT_NE(std::string::npos, r.err.find("line 4: report is not one flat JSON object")) << r.err;
   EXPECT_NE(std::string::npos, r.err.find("kind=L decoded=0 duplicates=0 replays=1 missing=0")) << r.err;
 }
 
